@@ -1,0 +1,42 @@
+# What every folder is compiled and linked with.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+# A RUNPATH relative to the program: the tree can be moved, and LD_LIBRARY_PATH still wins.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+add_link_options(-Wl,--enable-new-dtags -Wl,--as-needed -Wl,-z,relro,-z,now)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -fstack-protector-strong)
+# Log records name a source file as it stands in the project, wherever it was built.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+endif()
+
+option(VELMORA_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+if(VELMORA_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Another build of a platform library: its headers, its file by name, its folder to run with.
+function(velmora_external_library target root file)
+  if(NOT EXISTS ${root}/include OR NOT EXISTS ${root}/lib/${file})
+    message(FATAL_ERROR "${root} does not hold include/ and lib/${file}")
+  endif()
+  add_library(${target} INTERFACE)
+  target_include_directories(${target} SYSTEM INTERFACE ${root}/include)
+  target_link_directories(${target} INTERFACE ${root}/lib)
+  target_link_libraries(${target} INTERFACE -l:${file})
+  target_link_options(${target} INTERFACE -Wl,-rpath,${root}/lib)
+endfunction()

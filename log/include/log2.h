@@ -1,0 +1,49 @@
+/*
+ * liblog2: one append-only text file per log name.
+ *
+ * The file is $LOG2_DIR/<name>.log, or, without that variable,
+ * ${XDG_STATE_HOME:-$HOME/.local/state}/<name>/<name>.log. It is made with mode 0600, its folder
+ * with 0700. Many processes may share it: a record is one line, written with one write at the end
+ * of the file. At 8 MiB the file is renamed to <name>.log.1, replacing the one before.
+ *
+ * A line: UTC time with milliseconds, process, level, function, source file and line, message:
+ *
+ *   2026-01-31T09:15:00.123Z 4711 1 keyCreate src/eusign/api.cpp:210 fail: ...
+ *
+ * Control characters and backslashes inside a text are written as \n, \t, \x1b, \\ and the like, so
+ * nothing that a caller passes can look like a second record; a trailing line feed is dropped.
+ *
+ * None of the three functions blocks, fails visibly or prints. What cannot be written (no folder,
+ * no space, no descriptor, no memory) is dropped, and the caller goes on unharmed.
+ */
+#ifndef LOG2_H
+#define LOG2_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* Opens the process's log, replacing one that is open.
+ * name: the log's name, copied; '/' in it becomes '_', an empty name "unnamed".
+ * level: records of a higher level are dropped.
+ * flag: reserved, 0. */
+void LogOpen2(const char* name, int level, int flag);
+
+/* Writes one record, or nothing while no log is open (before LogOpen2, after LogClose).
+ * file, line, function: the caller's place in the source. level: 1 for failures, 2 for failures
+ * that are tolerated, 4 for progress. format: as for printf; the message may have any length. */
+void LogWrite(const char* file, int line, const char* function, int level, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/* Closes the log. Calling it without an open log does nothing. */
+void LogClose(void);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
