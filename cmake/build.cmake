@@ -29,6 +29,12 @@ if(VELMORA_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+# Exports just the functions that the map file names: no template instantiations of libstdc++.
+function(velmora_export_only target map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${map})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
+endfunction()
+
 # Another build of a platform library: its headers, its file by name, its folder to run with.
 function(velmora_external_library target root file)
   if(NOT EXISTS ${root}/include OR NOT EXISTS ${root}/lib/${file})

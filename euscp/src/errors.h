@@ -1,0 +1,52 @@
+// Failures inside the library: an exception that carries a result code, and the one table of texts.
+#pragma once
+
+#include <EUSignCP.h>
+
+#include <exception>
+#include <new>
+#include <p11-kit/pkcs11.h>
+
+namespace eu {
+
+class failure : public std::exception {
+public:
+    explicit failure(DWORD result) : code(result) {}
+    const char* what() const noexcept override;
+
+    const DWORD code;
+};
+
+// The English text of a result code; never null.
+const char* describe(DWORD code);
+
+// The result code of a PKCS#11 result.
+DWORD codeOf(CK_RV result);
+
+// Throws a failure unless the PKCS#11 call succeeded.
+void check(CK_RV result);
+
+// Throws a failure with the code unless the condition holds.
+void require(bool condition, DWORD code);
+
+// Forgets what OpenSSL queued about errors, for the next caller not to stumble over it.
+void clearCryptoErrors() noexcept;
+
+// Runs one exported operation and turns whatever it throws into a result code.
+template <class Operation>
+DWORD guarded(Operation operation) noexcept {
+    DWORD result = EU_ERROR_NONE;
+    try {
+        operation();
+    } catch (const failure& e) {
+        result = e.code;
+    } catch (const std::bad_alloc&) {
+        result = EU_ERROR_MEMORY;
+    } catch (...) {
+        result = EU_ERROR_UNKNOWN;
+    }
+    clearCryptoErrors();
+    return result;
+}
+
+} // namespace eu

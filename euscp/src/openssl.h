@@ -1,0 +1,77 @@
+// OpenSSL's objects as owners, its encodings as byte strings.
+#pragma once
+
+#include "bytes.h"
+#include "errors.h"
+
+#include <memory>
+#include <openssl/bio.h>
+#include <openssl/cms.h>
+#include <openssl/ec.h>
+#include <openssl/ess.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+namespace eu {
+
+template <auto Release>
+struct released_by {
+    template <class T>
+    void operator()(T* object) const noexcept {
+        Release(object);
+    }
+};
+
+template <class T, auto Release>
+using owned = std::unique_ptr<T, released_by<Release>>;
+
+using bio_ptr = owned<BIO, BIO_free_all>;
+using cms_ptr = owned<CMS_ContentInfo, CMS_ContentInfo_free>;
+using pkey_ptr = owned<EVP_PKEY, EVP_PKEY_free>;
+using x509_ptr = owned<X509, X509_free>;
+
+// Takes over what an OpenSSL function returned; null there is the given failure.
+template <class Owner>
+Owner taken(typename Owner::pointer object, DWORD code = EU_ERROR_CRYPTO) {
+    require(object != nullptr, code);
+    return Owner(object);
+}
+
+// Throws unless an OpenSSL function returned 1 (or a positive number).
+inline void succeed(int result, DWORD code = EU_ERROR_CRYPTO) {
+    require(result > 0, code);
+}
+
+// The DER encoding of an object, by its i2d function.
+template <class T, class Encode>
+bytes encoded(T* object, Encode encode) {
+    const int size = encode(object, nullptr);
+    require(size > 0, EU_ERROR_CRYPTO);
+    bytes der(static_cast<std::size_t>(size));
+    unsigned char* end = der.data();
+    require(encode(object, &end) == size, EU_ERROR_CRYPTO);
+    return der;
+}
+
+// The object that a DER encoding holds, by its d2i function. Bytes behind the object are a failure.
+template <class Owner, class Decode>
+Owner decoded(view der, Decode decode, DWORD code) {
+    const unsigned char* end = der.data();
+    auto object = taken<Owner>(decode(nullptr, &end, static_cast<long>(der.size())), code);
+    require(end == der.data() + der.size(), code);
+    return object;
+}
+
+inline bytes sha256(view message) {
+    bytes digest(32);
+    succeed(
+        EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr));
+    return digest;
+}
+
+inline view content(const ASN1_STRING* text) {
+    return {ASN1_STRING_get0_data(text), static_cast<std::size_t>(ASN1_STRING_length(text))};
+}
+
+} // namespace eu

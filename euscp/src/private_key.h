@@ -1,0 +1,71 @@
+// The signing key of a token: finding it, opening it with the password, signing with it.
+#pragma once
+
+#include "openssl.h"
+#include "token.h"
+
+#include <array>
+
+namespace eu {
+
+// A password in memory, wiped when it goes.
+class secret {
+public:
+    explicit secret(std::string_view text); // at most EU_PASSWORD_SIZE - 1 bytes
+    ~secret();
+    secret(const secret&) = delete;
+    secret& operator=(const secret&) = delete;
+
+    std::string_view text() const { return {characters.data(), length}; }
+
+private:
+    std::array<char, EU_PASSWORD_SIZE> characters{};
+    std::size_t length;
+};
+
+// What of a signing key shows without a login.
+struct public_part {
+    bytes id; // CKA_ID
+    CK_OBJECT_HANDLE object;
+};
+
+// The signing keys that the token shows: its public keys that verify, or, where there are none,
+// its certificates that are no authority's and allow signing. The first is the token's key.
+std::vector<public_part> signingKeys(const session& on);
+
+// The public key that a public-key or certificate object holds.
+// Throws EU_ERROR_KEY_NOT_SUPPORTED for a key of another kind than isServed tells.
+pkey_ptr publicKeyOf(const session& on, CK_OBJECT_HANDLE object);
+
+// Signs a message with a private key of a logged-in session, with SHA-256: ECDSA (as DER) or
+// RSASSA-PKCS1-v1_5 (RFC 8017). A key that wants the password for each signature gets it. The
+// signature is verified before it is returned (EU_ERROR_KEY_BAD_SIGNATURE).
+bytes signedBy(
+    const session& on,
+    CK_OBJECT_HANDLE privateKey,
+    EVP_PKEY* publicKey,
+    const secret& password,
+    view message);
+
+// An opened signing key.
+class private_key {
+public:
+    // Throws what session::login does, and EU_ERROR_KEY_NOT_FOUND.
+    private_key(const token& medium, std::string_view pin);
+
+    bytes sign(view message);
+    x509_ptr certificate();
+    EVP_PKEY* publicKey() const { return shown.get(); }
+
+private:
+    void open(); // the same key as before, if one was open before
+    bytes signOnce(view message);
+
+    token on;
+    secret password;
+    std::unique_ptr<session> active; // null after a failure: the next use opens anew
+    CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
+    pkey_ptr shown;
+};
+
+} // namespace eu

@@ -1,0 +1,181 @@
+#include "token.h"
+
+#include "modules.h"
+
+#include <array>
+#include <cstring>
+
+namespace eu {
+
+namespace {
+
+// Texts of a token are padded with blanks; some modules use zero bytes instead.
+template <std::size_t Size>
+std::string unpadded(const unsigned char (&field)[Size]) {
+    const std::string text(reinterpret_cast<const char*>(field), Size);
+    const std::string cut = text.substr(0, text.find('\0'));
+    return cut.substr(0, cut.find_last_not_of(' ') + 1);
+}
+
+// The slots that hold a token; none for a module that cannot tell.
+std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
+    CK_ULONG count = 0;
+    if (module->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK) {
+        return {};
+    }
+    count += 4; // room for tokens plugged in between the two calls
+    std::vector<CK_SLOT_ID> slots(count);
+    if (module->C_GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) {
+        return {};
+    }
+    slots.resize(count);
+    return slots;
+}
+
+} // namespace
+
+std::vector<token> listTokens() {
+    std::vector<token> tokens;
+    for (CK_FUNCTION_LIST* module : modules()) {
+        for (const CK_SLOT_ID slot : slotsWithToken(module)) {
+            CK_TOKEN_INFO info{};
+            if (module->C_GetTokenInfo(slot, &info) != CKR_OK ||
+                (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
+                continue;
+            }
+            const std::string serial = unpadded(info.serialNumber);
+            if (!serial.empty()) {
+                tokens.push_back({module, slot, serial, unpadded(info.label)});
+            }
+        }
+    }
+    return tokens;
+}
+
+CK_TOKEN_INFO present(const token& listed) {
+    CK_TOKEN_INFO info{};
+    check(listed.module->C_GetTokenInfo(listed.slot, &info));
+    require(
+        unpadded(info.serialNumber) == listed.serial && unpadded(info.label) == listed.label,
+        EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    return info;
+}
+
+std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type) {
+    CK_MECHANISM_INFO info{};
+    const CK_RV result = listed.module->C_GetMechanismInfo(listed.slot, type, &info);
+    if (result == CKR_MECHANISM_INVALID) {
+        return std::nullopt;
+    }
+    check(result);
+    return info;
+}
+
+attributes& attributes::add(CK_ATTRIBUTE_TYPE type, view value) {
+    bytes& kept = values.emplace_back(value.begin(), value.end());
+    list.push_back({type, kept.data(), kept.size()});
+    return *this;
+}
+
+attributes& attributes::add(CK_ATTRIBUTE_TYPE type, std::string_view text) {
+    return add(type, view(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
+attributes& attributes::flag(CK_ATTRIBUTE_TYPE type, bool value) {
+    const CK_BBOOL raw = value ? CK_TRUE : CK_FALSE;
+    return add(type, view(&raw, 1));
+}
+
+attributes& attributes::number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
+    return add(type, view(reinterpret_cast<const unsigned char*>(&value), sizeof value));
+}
+
+session::session(const token& with, mode access) : on(with) {
+    const CK_FLAGS writing = access == mode::read_write ? CKF_RW_SESSION : 0;
+    check(call().C_OpenSession(on.slot, CKF_SERIAL_SESSION | writing, nullptr, nullptr, &opened));
+}
+
+session::~session() {
+    call().C_CloseSession(opened);
+}
+
+void session::login(std::string_view password) {
+    const CK_TOKEN_INFO info = present(on);
+    require(
+        password.size() >= info.ulMinPinLen &&
+            (info.ulMaxPinLen < info.ulMinPinLen || password.size() <= info.ulMaxPinLen),
+        EU_ERROR_PASSWORD_LENGTH);
+
+    call().C_Logout(opened); // fails where nobody is logged in, which is as good
+    check(give(CKU_USER, password));
+}
+
+void session::loginForSignature(std::string_view password) const {
+    check(give(CKU_CONTEXT_SPECIFIC, password));
+}
+
+CK_RV session::give(CK_USER_TYPE user, std::string_view password) const {
+    // C_Login takes a pointer to writable characters and writes nothing there.
+    auto* pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password.data()));
+    return call().C_Login(opened, user, pin, password.size());
+}
+
+std::vector<CK_OBJECT_HANDLE> session::find(attributes& wanted) const {
+    std::vector<CK_OBJECT_HANDLE> found;
+    std::array<CK_OBJECT_HANDLE, 16> batch{};
+    CK_ULONG count = 0;
+    check(call().C_FindObjectsInit(opened, wanted.data(), wanted.size()));
+    CK_RV result = CKR_OK;
+    do {
+        result = call().C_FindObjects(opened, batch.data(), batch.size(), &count);
+        if (result == CKR_OK) {
+            found.insert(found.end(), batch.begin(), batch.begin() + count);
+        }
+    } while (result == CKR_OK && count > 0);
+    call().C_FindObjectsFinal(opened);
+    check(result);
+    return found;
+}
+
+std::vector<CK_OBJECT_HANDLE> session::find(CK_OBJECT_CLASS objectClass) const {
+    return find(attributes().number(CKA_CLASS, objectClass).flag(CKA_TOKEN, true));
+}
+
+std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
+    CK_ATTRIBUTE attribute{type, nullptr, 0};
+    CK_RV result = call().C_GetAttributeValue(opened, object, &attribute, 1);
+    bytes contents;
+    if (result == CKR_OK && attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
+        contents.resize(attribute.ulValueLen);
+        attribute.pValue = contents.data();
+        result = call().C_GetAttributeValue(opened, object, &attribute, 1);
+    }
+    if (result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE ||
+        attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
+        return std::nullopt;
+    }
+    check(result);
+    contents.resize(attribute.ulValueLen);
+    return contents;
+}
+
+std::optional<CK_ULONG> session::number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
+    const auto raw = value(object, type);
+    CK_ULONG result = 0;
+    if (!raw || raw->size() != sizeof result) {
+        return std::nullopt;
+    }
+    std::memcpy(&result, raw->data(), sizeof result);
+    return result;
+}
+
+bool session::flag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
+    const auto raw = value(object, type);
+    return raw && !raw->empty() && raw->front() != CK_FALSE;
+}
+
+void session::destroy(CK_OBJECT_HANDLE object) const {
+    check(call().C_DestroyObject(opened, object));
+}
+
+} // namespace eu

@@ -1,0 +1,92 @@
+// A PKCS#11 token, a session with it, and the objects on it.
+#pragma once
+
+#include "bytes.h"
+#include "errors.h"
+
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace eu {
+
+// An initialised token, as it was when it was listed.
+struct token {
+    CK_FUNCTION_LIST* module;
+    CK_SLOT_ID slot;
+    std::string serial; // without its blank padding; not empty
+    std::string label;  // likewise; may be empty
+};
+
+// The initialised tokens with a serial number, in module and slot order.
+std::vector<token> listTokens();
+
+// The token's present state. Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when the token is no longer
+// in its slot or another one is.
+CK_TOKEN_INFO present(const token& listed);
+
+// The key size range of a mechanism that the token offers, or nothing.
+std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type);
+
+// A list of attributes with the storage of their values.
+class attributes {
+public:
+    attributes() = default;
+    attributes(const attributes&) = delete; // the list points into the values
+    attributes& operator=(const attributes&) = delete;
+
+    attributes& add(CK_ATTRIBUTE_TYPE type, view value);
+    attributes& add(CK_ATTRIBUTE_TYPE type, std::string_view text);
+    attributes& flag(CK_ATTRIBUTE_TYPE type, bool value);
+    attributes& number(CK_ATTRIBUTE_TYPE type, CK_ULONG value);
+
+    CK_ATTRIBUTE* data() { return list.data(); }
+    CK_ULONG size() const { return list.size(); }
+
+private:
+    std::deque<bytes> values;
+    std::vector<CK_ATTRIBUTE> list;
+};
+
+class session {
+public:
+    enum class mode { read_only, read_write };
+
+    session(const token& with, mode access);
+    ~session();
+    session(const session&) = delete;
+    session& operator=(const session&) = delete;
+
+    // Logs in as the user. A login that another session of the process left is ended first, so
+    // the token itself judges the password. A password of a length that the token rules out is
+    // refused without costing an attempt.
+    void login(std::string_view password);
+
+    // Gives the password once more, for the one signature just begun.
+    void loginForSignature(std::string_view password) const;
+
+    // The objects that have all the attributes.
+    std::vector<CK_OBJECT_HANDLE> find(attributes& wanted) const;
+    std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const;
+
+    // An attribute of an object; nothing if the object does not have it or hides it.
+    std::optional<bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
+    std::optional<CK_ULONG> number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
+    bool flag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
+
+    void destroy(CK_OBJECT_HANDLE object) const;
+
+    const token& medium() const { return on; }
+    CK_FUNCTION_LIST& call() const { return *on.module; }
+    CK_SESSION_HANDLE handle() const { return opened; }
+
+private:
+    CK_RV give(CK_USER_TYPE user, std::string_view password) const;
+
+    token on;
+    CK_SESSION_HANDLE opened = CK_INVALID_HANDLE;
+};
+
+} // namespace eu
