@@ -247,7 +247,7 @@ DWORD EUCtxSignFile(
     BOOL bAppendCert,
     const char* pszSignatureFileName);
 
-/* Verifies a detached CMS signature (RFC 5652) of data in memory, of any length, against the
+/* Verifies a detached CMS signature (RFC 5652, DER) of data in memory, of any length, against the
  * signer's certificate (DER, or PEM as RFC 7468 writes it).
  * Accepted is a signature of one signer, named by that certificate, with a SHA-2 digest, an EC
  * (P-256, P-384, P-521) or RSA key, a signing time (if any) inside the certificate's validity, and

@@ -59,7 +59,7 @@ constexpr described texts[] = {
     {EU_ERROR_CERT_FORMAT, "the certificate is malformed"},
     {EU_ERROR_CERT_PERIOD, "the certificate is not valid at this time"},
     {EU_ERROR_CERT_USAGE, "the certificate is not meant for signing"},
-    {EU_ERROR_SIGN_FORMAT, "the signature is not a detached CMS signature of one signer"},
+    {EU_ERROR_SIGN_FORMAT, "the signature is not a detached CMS signature of one signer in DER"},
     {EU_ERROR_SIGN_SIGNER, "the signature is not of the certificate's owner"},
     {EU_ERROR_SIGN_ALGORITHM, "the signature's algorithms are not accepted"},
     {EU_ERROR_SIGN_TIME, "the signing time is outside the certificate's validity"},

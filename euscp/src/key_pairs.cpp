@@ -186,8 +186,9 @@ bool isAnyOf(const EVP_PKEY* key, const std::vector<pkey_ptr>& keys) {
     });
 }
 
-// What belongs to the token's signing key and to anything generated, private keys first: should
-// the removal be cut short, the rest still tells of a key and can be destroyed again.
+// What belongs to the token's signing key and to anything generated. Private keys come first and
+// the object that shows the key last: should the removal be cut short, the key is still seen and
+// can be destroyed again.
 std::vector<CK_OBJECT_HANDLE> belongings(const session& on, const public_part& key) {
     std::vector<CK_OBJECT_HANDLE> objects;
     std::vector<CK_OBJECT_HANDLE> publicObjects;
@@ -216,6 +217,8 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, const public_part& k
         }
     }
     objects.insert(objects.end(), publicObjects.begin(), publicObjects.end());
+    std::erase(objects, key.object);
+    objects.push_back(key.object);
     return objects;
 }
 

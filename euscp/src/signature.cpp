@@ -78,8 +78,8 @@ bool isPlain(const X509_ALGOR* algorithm) {
 
 // The fields that OpenSSL reads over: versions, the list of digests, the kinds of certificates and
 // revocation lists. A change in one of them would otherwise go unnoticed.
-void checkOutline(CMS_ContentInfo* message, CMS_SignerInfo* signer, int certificateCount) {
-    const auto info = sequence(encoded(message, i2d_CMS_ContentInfo));
+void checkOutline(view message, CMS_SignerInfo* signer, int certificateCount) {
+    const auto info = sequence(message);
     require(sk_ASN1_TYPE_num(info.get()) == 2, EU_ERROR_SIGN_FORMAT);
     const auto fields = sequence(unwrapped(sk_ASN1_TYPE_value(info.get(), 1)));
     const int count = sk_ASN1_TYPE_num(fields.get());
@@ -230,6 +230,24 @@ void verifyContent(CMS_ContentInfo* message, X509* signer, view data) {
         EU_ERROR_SIGN_INVALID);
 }
 
+// Only the one encoding, DER, so that no changed byte goes unnoticed.
+cms_ptr parseMessage(view signature) {
+    auto message = decoded<cms_ptr>(signature, d2i_CMS_ContentInfo, EU_ERROR_SIGN_FORMAT);
+    require(
+        std::ranges::equal(encoded(message.get(), i2d_CMS_ContentInfo), signature),
+        EU_ERROR_SIGN_FORMAT);
+    return message;
+}
+
+// Names the certificate exactly: the comparison that OpenSSL makes overlooks case and blanks.
+bool isNamedBy(CMS_SignerInfo* signer, X509* certificate) {
+    X509_NAME* issuer = nullptr;
+    CMS_SignerInfo_get0_signer_id(signer, nullptr, &issuer, nullptr);
+    return CMS_SignerInfo_cert_cmp(signer, certificate) == 0 &&
+           (issuer == nullptr || encoded(issuer, i2d_X509_NAME) ==
+                                     encoded(X509_get_issuer_name(certificate), i2d_X509_NAME));
+}
+
 CMS_SignerInfo* onlySigner(CMS_ContentInfo* message) {
     require(
         OBJ_obj2nid(CMS_get0_type(message)) == NID_pkcs7_signed && CMS_is_detached(message) == 1 &&
@@ -291,14 +309,14 @@ verified verify(view data, view signature, view certificate) {
     require(key != nullptr && isServed(key), EU_ERROR_SIGN_ALGORITHM);
     require(allowsSigning(signerCertificate.get()), EU_ERROR_CERT_USAGE);
 
-    auto message = decoded<cms_ptr>(signature, d2i_CMS_ContentInfo, EU_ERROR_SIGN_FORMAT);
+    auto message = parseMessage(signature);
     CMS_SignerInfo* signer = onlySigner(message.get());
-    require(CMS_SignerInfo_cert_cmp(signer, signerCertificate.get()) == 0, EU_ERROR_SIGN_SIGNER);
+    require(isNamedBy(signer, signerCertificate.get()), EU_ERROR_SIGN_SIGNER);
     checkAlgorithms(signer, key);
     require(CMS_unsigned_get_attr_count(signer) <= 0, EU_ERROR_SIGN_UNCHECKED);
     const certificate_list inside(CMS_get1_certs(message.get()));
     checkCertificates(inside, signerCertificate.get());
-    checkOutline(message.get(), signer, inside ? sk_X509_num(inside.get()) : 0);
+    checkOutline(signature, signer, inside ? sk_X509_num(inside.get()) : 0);
     checkContentType(signer);
     checkSigningCertificate(signer, signerCertificate.get());
     const ASN1_TIME* time = checkSigningTime(signer, signerCertificate.get());

@@ -1,0 +1,27 @@
+#include "token_layer.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+int generateAndDie(int call);
+
+int main(int argc, char** argv) {
+    EUInitialize();
+    if (argc == 3 && std::string(argv[1]) == "--generate") {
+        return generateAndDie(std::atoi(argv[2]));
+    }
+    // SoftHSM syncs every object it writes; in memory that costs nothing.
+    const std::filesystem::path memory = "/dev/shm";
+    const bool writable = ::access(memory.c_str(), W_OK) == 0;
+    const auto parent = writable ? memory : std::filesystem::temp_directory_path();
+    std::string folder = (parent / "euscp.XXXXXX").string();
+    layer::useFolder(::mkdtemp(folder.data()));
+    ::testing::InitGoogleTest(&argc, argv);
+    const int result = RUN_ALL_TESTS();
+    EUFinalize();
+    std::filesystem::remove_all(folder);
+    return result;
+}

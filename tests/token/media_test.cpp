@@ -1,0 +1,354 @@
+// Media, passwords, and the life of a key, with every PKCS#11 call made to fail once.
+
+#include "certificates.h"
+#include "token_layer.h"
+
+#include <array>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using layer::medium;
+
+DWORD generate(const EU_KEY_MEDIA& media, made::bytes* ds = nullptr) {
+    std::array<BYTE*, 2> requests{};
+    std::array<DWORD, 2> lengths{};
+    std::array<std::array<char, EU_REQUEST_NAME_SIZE>, 2> names{};
+    const DWORD result = EUGeneratePrivateKeyEx(
+        &media,
+        1,
+        1,
+        2,
+        2,
+        nullptr,
+        0,
+        2,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+        &requests[0],
+        &lengths[0],
+        names[0].data(),
+        &requests[1],
+        &lengths[1],
+        names[1].data(),
+        nullptr,
+        nullptr,
+        nullptr);
+    if (ds != nullptr && result == 0) {
+        ds->assign(requests[0], requests[0] + lengths[0]);
+    }
+    EUFreeMemory(requests[0]);
+    EUFreeMemory(requests[1]);
+    return result;
+}
+
+bool holdsKey() {
+    const EU_KEY_MEDIA media = medium();
+    BOOL exists = 0;
+    EXPECT_EQ(EUIsPrivateKeyExists(&media, &exists), EU_ERROR_NONE);
+    return exists != 0;
+}
+
+class opened_key {
+public:
+    explicit opened_key(const EU_KEY_MEDIA& media) {
+        EXPECT_EQ(EUCtxCreate(&context), EU_ERROR_NONE);
+        EU_CERT_OWNER_INFO owner{};
+        result = EUCtxReadPrivateKey(context, &media, &key, &owner);
+        EUCtxFreeCertOwnerInfo(context, &owner);
+    }
+    ~opened_key() {
+        EUCtxFreePrivateKey(key);
+        EUCtxFree(context);
+    }
+    opened_key(const opened_key&) = delete;
+    opened_key& operator=(const opened_key&) = delete;
+
+    DWORD sign() const {
+        const BYTE data[] = {'d', 'a', 't', 'a'};
+        BYTE* signature = nullptr;
+        DWORD length = 0;
+        const DWORD code = EUCtxSignData(key, 1, data, sizeof data, 1, 0, &signature, &length);
+        EUFreeMemory(signature);
+        return code;
+    }
+
+    void* context = nullptr;
+    void* key = nullptr;
+    DWORD result;
+};
+
+void certify(EVP_PKEY* key) {
+    layer::store(made::der(made::issue(key, made::key(EVP_EC_gen("P-256")).get())));
+}
+
+void provisionCertified(CK_MECHANISM_TYPE mechanism, int curve, bool alwaysAuthenticate = false) {
+    layer::makeToken("Provisioned");
+    layer::provision(mechanism, curve, alwaysAuthenticate);
+    certify(layer::provisionedKey().get());
+    layer::reset();
+}
+
+TEST(Media, AreListedAfreshAndKept) {
+    layer::makeToken("Alice");
+    std::array<char, EU_DESCRIPTION_SIZE> type{};
+    std::array<char, EU_DESCRIPTION_SIZE> serial{};
+    EXPECT_EQ(EUEnumKeyMediaTypes(0, type.data()), EU_ERROR_NONE);
+    EXPECT_STREQ(type.data(), "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1\xCA");
+    EXPECT_EQ(EUEnumKeyMediaTypes(1, type.data()), EU_WARNING_END_OF_ENUM);
+    EXPECT_EQ(EUEnumKeyMediaDevices(0, 0, serial.data()), EU_ERROR_NONE);
+    EXPECT_EQ(std::string(serial.data()).size(), 16U);
+    EXPECT_EQ(EUEnumKeyMediaDevices(0, 1, serial.data()), EU_WARNING_END_OF_ENUM);
+
+    // Removed after it was listed: every operation says so.
+    layer::now.absent = true;
+    BOOL exists = 0;
+    const EU_KEY_MEDIA media = medium();
+    EXPECT_EQ(EUIsPrivateKeyExists(&media, &exists), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    EXPECT_EQ(opened_key(media).result, EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    EXPECT_EQ(generate(media), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    EXPECT_EQ(EUDestroyPrivateKey(&media), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    EXPECT_EQ(EUEnumKeyMediaDevices(0, 0, serial.data()), EU_WARNING_END_OF_ENUM);
+    layer::reset();
+    EXPECT_EQ(EUEnumKeyMediaDevices(0, 0, serial.data()), EU_ERROR_NONE);
+    const EU_KEY_MEDIA other{.dwTypeIndex = 0, .dwDevIndex = 5, .szPassword = {}};
+    EXPECT_EQ(EUIsPrivateKeyExists(&other, &exists), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+}
+
+TEST(Media, EveryCodeHasATextOfItsOwn) {
+    std::map<std::string, DWORD> texts;
+    const std::string unknown = EUGetErrorLangDesc(0xFFFFFFFF, 3);
+    int described = 0;
+    for (DWORD code = 0; code <= EU_ERROR_PKCS11 + 0xFFF; ++code) {
+        const std::string text = EUGetErrorLangDesc(code, 3);
+        if (text != unknown) {
+            ++described;
+            EXPECT_TRUE(texts.emplace(text, code).second) << text;
+            const bool pkcs11 = code >= EU_ERROR_PKCS11;
+            EXPECT_TRUE(!pkcs11 || text.find("(CKR_") != std::string::npos) << text;
+        }
+    }
+    EXPECT_GT(described, 80);
+}
+
+TEST(Password, EachRefusalHasItsCode) {
+    provisionCertified(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1);
+    EXPECT_EQ(opened_key(medium("wrong-one")).result, EU_ERROR_PASSWORD_INCORRECT);
+    EXPECT_EQ(opened_key(medium("1")).result, EU_ERROR_PASSWORD_LENGTH);
+    EXPECT_EQ(opened_key(medium("")).result, EU_ERROR_PASSWORD_LENGTH);
+    const std::map<CK_RV, DWORD> refusals{
+        {CKR_PIN_INCORRECT, EU_ERROR_PASSWORD_INCORRECT},
+        {CKR_PIN_LOCKED, EU_ERROR_PASSWORD_LOCKED},
+        {CKR_PIN_LEN_RANGE, EU_ERROR_PASSWORD_LENGTH},
+        {CKR_PIN_EXPIRED, EU_ERROR_PASSWORD_EXPIRED},
+        {CKR_USER_PIN_NOT_INITIALIZED, EU_ERROR_PASSWORD_NOT_SET},
+        {CKR_USER_ALREADY_LOGGED_IN, EU_ERROR_PKCS11 + CKR_USER_ALREADY_LOGGED_IN},
+        {CKR_VENDOR_DEFINED + 17, EU_ERROR_PKCS11 + 0xFFF}};
+    for (const auto& [given, expected] : refusals) {
+        layer::now.login = {given};
+        EXPECT_EQ(opened_key(medium()).result, expected);
+        layer::now.login = {given};
+        EXPECT_EQ(generate(medium()), expected);
+    }
+    EU_KEY_MEDIA endless = medium();
+    std::fill(std::begin(endless.szPassword), std::end(endless.szPassword), '2');
+    EXPECT_EQ(opened_key(endless).result, EU_ERROR_BAD_PARAMETER);
+}
+
+// Whatever was opened before, the right password opens and a wrong one does not, and a key that is
+// open goes on signing after somebody else's failed attempt.
+TEST(Password, AWrongOneNeverOpensInAnyOrder) {
+    provisionCertified(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1);
+    std::mt19937 random(7); // NOLINT(cert-msc51-cpp): the same walk every time
+    std::vector<std::unique_ptr<opened_key>> open;
+    for (int step = 0; step < 120; ++step) {
+        const EU_KEY_MEDIA wrong = medium("13579" + std::to_string(random() % 10));
+        switch (random() % 6) {
+        case 0:
+            open.push_back(std::make_unique<opened_key>(medium()));
+            ASSERT_EQ(open.back()->result, EU_ERROR_NONE) << step;
+            break;
+        case 1:
+            ASSERT_EQ(opened_key(wrong).result, EU_ERROR_PASSWORD_INCORRECT) << step;
+            break;
+        case 2:
+            ASSERT_EQ(EUDestroyPrivateKey(&wrong), EU_ERROR_PASSWORD_INCORRECT) << step;
+            break;
+        case 3:
+            ASSERT_EQ(generate(wrong), EU_ERROR_PASSWORD_INCORRECT) << step;
+            break;
+        case 4:
+            if (!open.empty()) {
+                open.erase(open.begin() + static_cast<long>(random() % open.size()));
+            }
+            break;
+        default:
+            for (const auto& key : open) {
+                ASSERT_EQ(key->sign(), EU_ERROR_NONE) << step;
+            }
+            ASSERT_TRUE(holdsKey());
+        }
+    }
+}
+
+TEST(Key, LivesFromGenerationToDestruction) {
+    layer::makeToken("Alice");
+    EXPECT_FALSE(holdsKey());
+    EXPECT_EQ(opened_key(medium()).result, EU_ERROR_KEY_NOT_FOUND);
+    const EU_KEY_MEDIA media = medium();
+    EXPECT_EQ(EUDestroyPrivateKey(&media), EU_ERROR_KEY_NOT_FOUND);
+    made::bytes request;
+    ASSERT_EQ(generate(media, &request), EU_ERROR_NONE);
+    EXPECT_TRUE(holdsKey());
+    EXPECT_EQ(opened_key(media).sign(), EU_ERROR_CERT_NOT_FOUND);
+    EXPECT_EQ(generate(media), EU_ERROR_KEY_EXISTS);
+    const unsigned char* start = request.data();
+    const std::unique_ptr<X509_REQ, made::freed<X509_REQ, X509_REQ_free>> parsed(
+        d2i_X509_REQ(nullptr, &start, static_cast<long>(request.size())));
+    ASSERT_TRUE(parsed);
+    certify(X509_REQ_get0_pubkey(parsed.get()));
+    const made::key stranger(EVP_EC_gen("P-256"));
+    certify(stranger.get());
+    EXPECT_EQ(opened_key(media).sign(), EU_ERROR_NONE);
+    EXPECT_EQ(layer::objects().size(), 6U);
+    EXPECT_EQ(EUDestroyPrivateKey(&media), EU_ERROR_NONE);
+    ASSERT_EQ(layer::objects().size(), 1U); // the stranger's certificate
+    EXPECT_EQ(layer::objects().front().type, CKO_CERTIFICATE);
+}
+
+TEST(Key, IsWhatTheTokenOffers) {
+    layer::makeToken("RSA only");
+    layer::now.noCurves = true;
+    made::bytes request;
+    ASSERT_EQ(generate(medium(), &request), EU_ERROR_NONE);
+    const unsigned char* start = request.data();
+    const std::unique_ptr<X509_REQ, made::freed<X509_REQ, X509_REQ_free>> parsed(
+        d2i_X509_REQ(nullptr, &start, static_cast<long>(request.size())));
+    EXPECT_EQ(X509_REQ_verify(parsed.get(), X509_REQ_get0_pubkey(parsed.get())), 1);
+    EXPECT_EQ(EVP_PKEY_get_bits(X509_REQ_get0_pubkey(parsed.get())), 3072);
+
+    layer::makeToken("Unchangeable");
+    layer::now.refuseChange = true;
+    EXPECT_EQ(generate(medium()), EU_ERROR_NONE); // by a copy instead
+    EXPECT_EQ(layer::objects().size(), 4U);
+    layer::makeToken("Rigid");
+    layer::now.refuseChange = layer::now.refuseCopy = true;
+    EXPECT_EQ(generate(medium()), EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED);
+    EXPECT_TRUE(layer::objects().empty());
+}
+
+TEST(Key, OfAnyServedKindSigns) {
+    for (const int curve : {NID_X9_62_prime256v1, NID_secp384r1, NID_secp521r1}) {
+        provisionCertified(CKM_EC_KEY_PAIR_GEN, curve);
+        EXPECT_EQ(opened_key(medium()).sign(), EU_ERROR_NONE) << curve;
+    }
+    provisionCertified(CKM_RSA_PKCS_KEY_PAIR_GEN, 0);
+    EXPECT_EQ(opened_key(medium()).sign(), EU_ERROR_NONE);
+    provisionCertified(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1, true);
+    layer::now.login = {};
+    EXPECT_EQ(opened_key(medium()).sign(), EU_ERROR_NONE);
+    layer::makeToken("Odd curve");
+    layer::provision(CKM_EC_KEY_PAIR_GEN, NID_secp256k1, false);
+    EXPECT_EQ(opened_key(medium()).result, EU_ERROR_KEY_NOT_SUPPORTED);
+}
+
+// Every call fails once: no half a key stays, the next attempt works.
+TEST(Fault, GenerationLeavesAWholeKeyOrNone) {
+    for (int k = 1;; ++k) {
+        layer::makeToken("Sweep");
+        layer::now.failAt = k;
+        const DWORD result = generate(medium());
+        if (layer::calls < k) {
+            ASSERT_GT(k, 20);
+            break;
+        }
+        layer::reset();
+        const std::size_t count = layer::objects().size();
+        EXPECT_EQ(count, result == EU_ERROR_NONE ? 4U : 0U) << k;
+        EXPECT_EQ(holdsKey(), result == EU_ERROR_NONE) << k;
+    }
+}
+
+TEST(Fault, DestructionCanBeRepeated) {
+    for (int k = 1;; ++k) {
+        layer::makeToken("Sweep");
+        ASSERT_EQ(generate(medium()), EU_ERROR_NONE);
+        layer::reset();
+        layer::now.failAt = k;
+        const EU_KEY_MEDIA media = medium();
+        const DWORD result = EUDestroyPrivateKey(&media);
+        if (layer::calls < k) {
+            ASSERT_GT(k, 10);
+            break;
+        }
+        layer::reset();
+        if (result != EU_ERROR_NONE) {
+            EXPECT_TRUE(holdsKey()) << k;
+            EXPECT_EQ(EUDestroyPrivateKey(&media), EU_ERROR_NONE) << k;
+        }
+        EXPECT_TRUE(layer::objects().empty()) << k;
+    }
+}
+
+TEST(Fault, SigningFailsCleanly) {
+    provisionCertified(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1);
+    opened_key key(medium());
+    for (int k = 1;; ++k) {
+        layer::reset();
+        layer::now.failAt = k;
+        key.sign();
+        if (layer::calls < k) {
+            ASSERT_GT(k, 5);
+            break;
+        }
+        layer::reset();
+        EXPECT_EQ(key.sign(), EU_ERROR_NONE) << k;
+    }
+}
+
+// A process killed in the middle of a generation leaves no key, and nothing that is in the way.
+TEST(Fault, AKilledGenerationDoesNotCount) {
+    int survived = 0;
+    for (int k = 1; survived == 0; ++k) {
+        layer::makeToken("Killed");
+        int status = 0;
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::execl(
+                "/proc/self/exe",
+                "euscp_test",
+                "--generate",
+                std::to_string(k).c_str(),
+                nullptr);
+            ::_exit(1);
+        }
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        survived = WEXITSTATUS(status) == 0 ? k : 0;
+        EXPECT_TRUE(survived != 0 || WEXITSTATUS(status) == 9) << WEXITSTATUS(status);
+        EXPECT_EQ(holdsKey(), survived != 0) << k;
+        EXPECT_EQ(generate(medium()), survived != 0 ? EU_ERROR_KEY_EXISTS : EU_ERROR_NONE) << k;
+        EXPECT_EQ(layer::objects().size(), 4U) << k;
+    }
+    EXPECT_GT(survived, 20);
+}
+
+} // namespace
+
+// Run by the killed-generation test: dies before the given call.
+int generateAndDie(int call) {
+    std::array<char, EU_DESCRIPTION_SIZE> description{};
+    EUEnumKeyMediaDevices(0, 0, description.data());
+    layer::reset();
+    layer::now.dieAt = call;
+    return generate(medium()) == EU_ERROR_NONE ? 0 : 2;
+}

@@ -1,0 +1,306 @@
+// Verification of signatures made by OpenSSL, by the library, and by nobody.
+
+#include "certificates.h"
+#include "token_layer.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+
+namespace {
+
+using made::bytes;
+
+const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
+
+DWORD verify(
+    const bytes& of,
+    const bytes& signature,
+    const bytes& certificate,
+    bool* timed = nullptr) {
+    EU_SIGN_INFO info{};
+    const DWORD result = EUVerifyDataWithParams(
+        of.data(),
+        of.size(),
+        nullptr,
+        0,
+        signature.data(),
+        signature.size(),
+        0,
+        nullptr,
+        0,
+        certificate.data(),
+        certificate.size(),
+        nullptr,
+        &info);
+    if (timed != nullptr) {
+        *timed = info.bTimeAvail != 0;
+    }
+    EUFreeSignInfo(&info);
+    return result;
+}
+
+made::key ecKey() {
+    return made::key(EVP_EC_gen("P-256"));
+}
+
+const made::key& authority() {
+    static const made::key key = ecKey();
+    return key;
+}
+
+struct signer {
+    made::key key = ecKey();
+    made::certificate certificate;
+
+    signer() : signer(made::terms{}) {}
+    explicit signer(const made::terms& terms)
+        : certificate(made::issue(key.get(), authority().get(), terms)) {}
+    explicit signer(EVP_PKEY* other)
+        : key(other), certificate(made::issue(key.get(), authority().get())) {}
+};
+
+struct how {
+    unsigned flags = 0;
+    const EVP_MD* digest = EVP_sha256();
+    // Changes the message after the signer was added and before it is finished.
+    std::function<void(CMS_ContentInfo*, CMS_SignerInfo*)> change = {};
+    bool pss = false;
+};
+
+bytes sign(const signer& by, const how& with = {}) {
+    const unsigned flags = CMS_BINARY | CMS_PARTIAL | with.flags;
+    const made::message message(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
+    CMS_SignerInfo* signer = CMS_add1_signer(
+        message.get(),
+        by.certificate.get(),
+        by.key.get(),
+        with.digest,
+        flags | (with.pss ? CMS_KEY_PARAM : 0U));
+    if (with.pss) {
+        EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
+    }
+    if (with.change) {
+        with.change(message.get(), signer);
+    }
+    BIO* input = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
+    EXPECT_EQ(CMS_final(message.get(), input, nullptr, flags | CMS_DETACHED), 1);
+    BIO_free(input);
+    return made::der(message.get(), i2d_CMS_ContentInfo);
+}
+
+void signingTime(CMS_SignerInfo* signer, long fromNow) {
+    ASN1_TIME* time = X509_gmtime_adj(nullptr, fromNow);
+    CMS_signed_add1_attr_by_NID(signer, NID_pkcs9_signingTime, time->type, time, -1);
+    ASN1_TIME_free(time);
+}
+
+TEST(Verification, AcceptsWhatOthersSign) {
+    const signer plain;
+    const signer rsa(EVP_RSA_gen(2048));
+    const signer p521(EVP_EC_gen("P-521"));
+    const signer unrestricted(made::terms{.usage = nullptr});
+    const std::vector<std::pair<const signer*, how>> accepted{
+        {&plain, {}},
+        {&plain, {.flags = CMS_NOCERTS}},
+        {&plain, {.flags = CMS_CADES | CMS_NOCERTS}},
+        {&plain, {.flags = CMS_USE_KEYID}},
+        {&plain, {.flags = CMS_NOSMIMECAP, .digest = EVP_sha384()}},
+        {&rsa, {.flags = CMS_CADES, .digest = EVP_sha512()}},
+        {&rsa, {.pss = true}},
+        {&p521, {.digest = EVP_sha512()}},
+        {&unrestricted, {}}};
+    for (const auto& [by, with] : accepted) {
+        bool timed = false;
+        EXPECT_EQ(verify(data, sign(*by, with), made::der(by->certificate), &timed), 0U)
+            << &with - &accepted.front().second;
+        EXPECT_TRUE(timed);
+    }
+    bool timed = true;
+    EXPECT_EQ(
+        verify(data, sign(plain, {.flags = CMS_NOATTR}), made::der(plain.certificate), &timed),
+        0U);
+    EXPECT_FALSE(timed);
+}
+
+TEST(Verification, RefusesEachForItsOwnReason) {
+    const signer plain;
+    const signer other;
+    const signer expired(made::terms{.begin = -7200, .end = -3600});
+    const signer agreement(made::terms{.usage = "critical,keyAgreement"});
+    const signer curve(EVP_EC_gen("secp256k1"));
+    const bytes good = sign(plain);
+    const auto changed = [&](auto change) { return sign(plain, {.change = change}); };
+
+    const bytes attached =
+        changed([](CMS_ContentInfo* m, CMS_SignerInfo*) { CMS_set_detached(m, 0); });
+    const bytes twoSigners = changed([&](CMS_ContentInfo* m, CMS_SignerInfo*) {
+        CMS_add1_signer(m, other.certificate.get(), other.key.get(), nullptr, 0);
+    });
+    const bytes unsignedAttribute = changed([](CMS_ContentInfo*, CMS_SignerInfo* s) {
+        CMS_unsigned_add1_attr_by_txt(s, "1.2.3.4", V_ASN1_OCTET_STRING, "x", 1);
+    });
+    const bytes foreignCertificate = changed(
+        [&](CMS_ContentInfo* m, CMS_SignerInfo*) { CMS_add1_cert(m, other.certificate.get()); });
+    const bytes revocations = changed([](CMS_ContentInfo* m, CMS_SignerInfo*) {
+        X509_CRL* list = X509_CRL_new();
+        ASN1_TIME* time = X509_gmtime_adj(nullptr, 0);
+        X509_CRL_set1_lastUpdate(list, time);
+        X509_CRL_sign(list, authority().get(), EVP_sha256());
+        CMS_add0_crl(m, list);
+        ASN1_TIME_free(time);
+    });
+    const bytes late = changed([](CMS_ContentInfo*, CMS_SignerInfo* s) { signingTime(s, 7200); });
+    const bytes early = changed([](CMS_ContentInfo*, CMS_SignerInfo* s) { signingTime(s, -7200); });
+    const bytes weak = sign(plain, {.digest = EVP_sha1()});
+    bytes longer = good;
+    longer.push_back(0);
+
+    // The same key and name in another certificate: named by neither serial number nor hash.
+    const made::certificate renewed = made::issue(plain.key.get(), authority().get());
+    const bytes bound = sign(plain, {.flags = CMS_CADES | CMS_NOCERTS | CMS_USE_KEYID});
+
+    const struct {
+        bytes signature;
+        X509* certificate;
+        DWORD expected;
+    } refused[] = {
+        {attached, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
+        {twoSigners, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
+        {longer, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
+        {{0x30, 0x00}, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
+        {unsignedAttribute, plain.certificate.get(), EU_ERROR_SIGN_UNCHECKED},
+        {foreignCertificate, plain.certificate.get(), EU_ERROR_SIGN_UNCHECKED},
+        {revocations, plain.certificate.get(), EU_ERROR_SIGN_UNCHECKED},
+        {late, plain.certificate.get(), EU_ERROR_SIGN_TIME},
+        {early, plain.certificate.get(), EU_ERROR_SIGN_TIME},
+        {sign(expired), expired.certificate.get(), EU_ERROR_SIGN_TIME},
+        {weak, plain.certificate.get(), EU_ERROR_SIGN_ALGORITHM},
+        {sign(curve), curve.certificate.get(), EU_ERROR_SIGN_ALGORITHM},
+        {sign(agreement), agreement.certificate.get(), EU_ERROR_CERT_USAGE},
+        {good, other.certificate.get(), EU_ERROR_SIGN_SIGNER},
+        {good, renewed.get(), EU_ERROR_SIGN_SIGNER},
+        {bound, renewed.get(), EU_ERROR_SIGN_SIGNER}};
+    for (const auto& row : refused) {
+        EXPECT_EQ(verify(data, row.signature, made::der(row.certificate, i2d_X509)), row.expected)
+            << &row - refused;
+    }
+    EXPECT_EQ(verify(data, good, {0x30}), EU_ERROR_CERT_FORMAT);
+    EXPECT_EQ(verify({'c'}, good, made::der(plain.certificate)), EU_ERROR_SIGN_INVALID);
+    const BYTE unused = 0;
+    EU_SIGN_INFO info{};
+    EXPECT_EQ(
+        EUVerifyDataWithParams(
+            &unused,
+            1,
+            &unused,
+            1,
+            &unused,
+            1,
+            0,
+            nullptr,
+            0,
+            &unused,
+            1,
+            nullptr,
+            &info),
+        EU_ERROR_NOT_SUPPORTED);
+}
+
+// No changed byte goes unnoticed, wherever it stands.
+TEST(Verification, NoticesEveryChangedByte) {
+    const signer by;
+    bytes pem;
+    BIO* written = BIO_new(BIO_s_mem());
+    PEM_write_bio_X509(written, by.certificate.get());
+    char* start = nullptr;
+    const long size = BIO_get_mem_data(written, &start);
+    pem.assign(start, start + size);
+    BIO_free(written);
+
+    const std::vector<std::pair<unsigned, bytes>> kinds{
+        {CMS_CADES | CMS_NOCERTS, made::der(by.certificate)},
+        {CMS_CADES | CMS_USE_KEYID, made::der(by.certificate)},
+        {0, pem}};
+    for (const auto& [flags, certificate] : kinds) {
+        std::array<bytes, 3> parts{data, sign(by, {.flags = flags}), certificate};
+        ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
+        for (bytes& part : parts) {
+            for (unsigned char& byte : part) {
+                for (const int mask : {0x01, 0x20, 0xFF}) {
+                    byte = static_cast<unsigned char>(byte ^ mask);
+                    EXPECT_NE(verify(parts[0], parts[1], parts[2]), 0U)
+                        << &part - parts.data() << " at " << &byte - part.data() << ' ' << mask;
+                    byte = static_cast<unsigned char>(byte ^ mask);
+                }
+            }
+        }
+    }
+}
+
+// Files: the target is whole or as it was, and a signature holds by OpenSSL's judgement too.
+TEST(Signing, OfFilesReplacesTheTargetOrLeavesIt) {
+    layer::makeToken("Signer");
+    layer::provision(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1, false);
+    const made::certificate certificate =
+        made::issue(layer::provisionedKey().get(), authority().get());
+    layer::store(made::der(certificate));
+    std::string name = (std::filesystem::temp_directory_path() / "signing.XXXXXX").string();
+    const std::filesystem::path folder = ::mkdtemp(name.data());
+    std::ofstream(folder / "data") << "contract";
+    std::ofstream(folder / "old") << "old";
+    std::filesystem::permissions(folder / "old", std::filesystem::perms(0600));
+    std::filesystem::create_symlink("old", folder / "link");
+    std::filesystem::create_hard_link(folder / "data", folder / "same");
+
+    void* context = nullptr;
+    void* key = nullptr;
+    EU_CERT_OWNER_INFO owner{};
+    const EU_KEY_MEDIA media = layer::medium();
+    ASSERT_EQ(EUCtxCreate(&context), 0U);
+    ASSERT_EQ(EUCtxReadPrivateKey(context, &media, &key, &owner), 0U);
+    EXPECT_STREQ(owner.pszSubject, "CN=Signer");
+    EUCtxFreeCertOwnerInfo(context, &owner);
+    const auto signTo = [&](const char* from, const char* to, BOOL append) {
+        return EUCtxSignFile(key, 1, (folder / from).c_str(), 1, append, (folder / to).c_str());
+    };
+    EXPECT_EQ(signTo("data", "new", 0), EU_ERROR_NONE);
+    EXPECT_EQ(signTo("data", "link", 1), EU_ERROR_NONE);
+    EXPECT_EQ(signTo("data", "data", 0), EU_ERROR_FILE_WRITE);
+    EXPECT_EQ(signTo("data", "same", 0), EU_ERROR_FILE_WRITE);
+    EXPECT_EQ(signTo("data", ".", 0), EU_ERROR_FILE_WRITE);
+    EXPECT_EQ(signTo("data", "missing/x", 0), EU_ERROR_FILE_WRITE);
+    EXPECT_EQ(signTo("missing", "never", 0), EU_ERROR_FILE_READ);
+    EXPECT_EQ(signTo(".", "never", 0), EU_ERROR_FILE_READ);
+    EXPECT_EQ(signTo("../../../dev/null", "never", 0), EU_ERROR_FILE_READ);
+    EUCtxFreePrivateKey(key);
+    EUCtxFree(context);
+
+    const auto read = [&](const char* file) {
+        std::ifstream stream(folder / file, std::ios::binary);
+        return bytes(std::istreambuf_iterator<char>(stream), {});
+    };
+    struct stat kept {};
+    ASSERT_EQ(::stat((folder / "old").c_str(), &kept), 0);
+    EXPECT_EQ(kept.st_mode & 07777, 0600U);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link"));
+    EXPECT_EQ(read("data"), data);
+    for (const char* file : {"new", "old"}) {
+        const bytes signature = read(file);
+        EXPECT_EQ(verify(data, signature, made::der(certificate)), 0U);
+        const unsigned char* start = signature.data();
+        const made::message message(
+            d2i_CMS_ContentInfo(nullptr, &start, static_cast<long>(signature.size())));
+        STACK_OF(X509)* inside = CMS_get1_certs(message.get());
+        EXPECT_EQ(inside != nullptr, std::string(file) == "old"); // the one that asked for it
+        sk_X509_pop_free(inside, X509_free);
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 5);
+    std::filesystem::remove_all(folder);
+}
+
+} // namespace

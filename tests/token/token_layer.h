@@ -1,0 +1,56 @@
+// A SoftHSM token for the library under test, behind a layer that counts every PKCS#11 call and
+// interferes on demand. It takes the place of p11-kit's list of modules.
+#pragma once
+
+#include <EUSignCP.h>
+
+#include <memory>
+#include <openssl/evp.h>
+#include <p11-kit/pkcs11.h>
+#include <string>
+#include <vector>
+
+namespace layer {
+
+inline constexpr const char* password = "246810";
+
+// What happens to the calls, until the next reset.
+struct interference {
+    int failAt = 0;                    // the call, counted from 1, that fails
+    CK_RV failWith = CKR_DEVICE_ERROR; // and how
+    int dieAt = 0;                     // the call before which the process ends at once
+    std::vector<CK_RV> login;          // results of the next logins, instead of the token's
+    bool refuseChange = false;         // C_SetAttributeValue
+    bool refuseCopy = false;           // C_CopyObject
+    bool noCurves = false;             // mechanisms of elliptic curves
+    bool absent = false;               // the token is no longer in its slot
+};
+extern interference now;
+extern int calls; // since the last reset
+
+void reset();
+
+// Points SoftHSM at a folder of its own; before anything else.
+void useFolder(const std::string& folder);
+
+// Wipes the token and sets it up anew, with the password.
+void makeToken(const std::string& label);
+
+EU_KEY_MEDIA medium(const std::string& password = layer::password);
+
+struct object {
+    CK_OBJECT_CLASS type;
+    std::string label;
+};
+std::vector<object> objects();
+
+// Generates a key pair as other tools would, without the library.
+void provision(CK_MECHANISM_TYPE mechanism, int curve, bool alwaysAuthenticate);
+
+// The public key of the pair that provision made.
+using key_ptr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+key_ptr provisionedKey();
+
+void store(const std::vector<unsigned char>& certificate);
+
+} // namespace layer
