@@ -1,0 +1,41 @@
+// The entry: one process, one command.
+#include "engine.h"
+#include "eusign/api.h"
+#include "fs/api.h"
+
+#include <orlek/cli.h>
+#include <orlek/errors.h>
+#include <orlek/log.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+using Orlek::Support::cli_request;
+using Orlek::Support::cli_response;
+
+namespace Velmora = Orlek::Support::Velmora;
+
+int main(int argc, char** argv) {
+    const auto request = cli_request::create(argc, argv, nullptr);
+    const int logLevel = request.getLogLevel();
+    LogOpen2(request.getLogName().c_str(), logLevel, 0);
+
+    auto response = cli_response::fail_internal("FAIL\n", "");
+    try {
+        const auto fs = Velmora::Fs::Api__Create();
+        const auto eusign = Velmora::Eusign::Api__Create(fs);
+        Velmora::cli_engine engine({eusign});
+        response = engine.activate(request);
+    } catch (const Orlek::generic_error&) {
+        // Whoever threw it has logged the cause; the response made above stands.
+    } catch (const std::exception& error) {
+        LogWrite(ORLEK_HERE, Orlek::log_failure, "fail: exception <%s>", error.what());
+    }
+
+    // A reader that has gone away does not change the exit status.
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    const int exitCode = response.render(std::cout, std::cerr);
+    LogClose();
+    return exitCode;
+}
