@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+#include <orlek/cli.h>
+#include <orlek/errors.h>
+#include <sstream>
+
+using namespace Orlek::Support;
+using strings = std::vector<std::string>;
+
+TEST(cli_test, aRequestHoldsTheCommandLineAsItIs) {
+    std::string texts[] = {"./velmora.bin", "MEDIA", "", "A=1", "A=2", "B=x=y", "C="};
+    char* argv[] = {texts[0].data(), texts[1].data(), texts[2].data(), nullptr};
+    char* envp[] = {texts[3].data(), texts[4].data(), texts[5].data(), texts[6].data(), nullptr};
+    const auto request = cli_request::create(3, argv, envp);
+    EXPECT_EQ(request.program, "./velmora.bin");
+    EXPECT_EQ(request.args, (strings{"MEDIA", ""}));
+    EXPECT_EQ(request.env, (std::map<std::string, std::string>{{"A", "1"}, {"B", "x"}}));
+    EXPECT_EQ(request.getLogLevel(), 4);
+    EXPECT_TRUE(cli_request::create(3, argv, nullptr).env.empty());
+    EXPECT_TRUE(cli_request::create(0, argv + 3, nullptr).args.empty());
+
+    request.assert_args(2);
+    request.assert_min_args(2);
+    request.assert_max_args(2);
+    request.assert_arg(0, "MEDIA");
+    request.assert_env("A");
+    EXPECT_THROW(request.assert_args(1), Orlek::not_found_error);
+    EXPECT_THROW(request.assert_min_args(3), Orlek::not_found_error);
+    EXPECT_THROW(request.assert_max_args(1), Orlek::not_found_error);
+    EXPECT_THROW(request.assert_arg(0, "media"), Orlek::not_found_error);
+    EXPECT_THROW(request.assert_arg(2, ""), Orlek::not_found_error);
+    EXPECT_THROW(request.assert_env("C"), Orlek::not_found_error);
+}
+
+TEST(cli_test, theLogNameIsTheStartNameWithoutFolderAndExtension) {
+    const auto logName = [](const char* start) { return cli_request(start, {}, {}).getLogName(); };
+    EXPECT_EQ(logName("/opt/x.d/velmora"), "velmora");
+    EXPECT_EQ(logName("C:\\tools\\velmora.exe"), "velmora");
+    EXPECT_EQ(logName("archive.tar.gz"), "archive.tar");
+    EXPECT_EQ(logName(".velmora") + logName("bin/"), "");
+}
+
+TEST(cli_test, aResponseRendersTheErrorTextFirst) {
+    std::ostringstream both;
+    EXPECT_EQ(cli_response::done("", "").render(both, both), 0);
+    EXPECT_EQ(cli_response::fail_external("out", "err").render(both, both), 64);
+    EXPECT_EQ(cli_response::fail_internal({"\0FAIL\n", 6}, "").render(both, both), 70);
+    EXPECT_EQ(both.str(), std::string("errout\0FAIL\n", 12));
+}
+
+TEST(cli_test, parametersAreCollectedByName) {
+    using lists = std::map<std::string, std::list<std::string>>;
+    lists params{{"a", {"0"}}};
+    const strings words = {"a = 1", "b=2", "a=3", "flag", "last=1"};
+    Cli__DecodeParams(params, words.begin(), words.end() - 1);
+    EXPECT_EQ(params, (lists{{"a", {"0", "1", "3"}}, {"b", {"2"}}, {"flag", {""}}}));
+}
