@@ -1,0 +1,250 @@
+#include "log2.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr off_t turn_over_size = off_t{8} << 20;
+
+struct open_log {
+    std::mutex guard;
+    std::string path; // empty while no log is open
+    int level = 0;
+};
+
+// Never destroyed: records may come from destructors that run after main.
+open_log& theLog() {
+    static auto& log = *new open_log;
+    return log;
+}
+
+// A log call between a failure and its report must not change what errno says.
+class errno_keeper {
+public:
+    ~errno_keeper() { errno = kept; }
+
+private:
+    int kept = errno;
+};
+
+// The log file, open for one record: whoever opens it by name for each record always writes to the
+// current one, whichever process turned it over, and holds no descriptor that could leak or be
+// shared.
+class log_file {
+public:
+    explicit log_file(const std::string& place)
+        : path(place), descriptor(::open(
+                           place.c_str(),
+                           O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                           0600)) {
+        // A pipe or a device under the log's name could block, so only a regular file will do.
+        usable = descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    }
+    log_file(const log_file&) = delete;
+    log_file& operator=(const log_file&) = delete;
+    ~log_file() {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+
+    [[nodiscard]] bool isFull() const { return usable && status.st_size >= turn_over_size; }
+
+    // Only the holder of the lock renames, and only the file it has locked: a second process that
+    // found the same file full finds another one under the name by then. While another process is
+    // at it, nothing is done, and the record goes to the full file.
+    void turnOver() const {
+        struct stat named {};
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 && ::stat(path.c_str(), &named) == 0 &&
+            named.st_dev == status.st_dev && named.st_ino == status.st_ino) {
+            static_cast<void>(::rename(path.c_str(), (path + ".1").c_str()));
+        }
+    }
+
+    void append(std::string_view record) const {
+        // Writing past the process's file size limit would end the process with a signal.
+        rlimit limit{};
+        if (usable && ::getrlimit(RLIMIT_FSIZE, &limit) == 0 &&
+            static_cast<rlim_t>(status.st_size) + record.size() <= limit.rlim_cur) {
+            static_cast<void>(::write(descriptor, record.data(), record.size()) < 0);
+        }
+    }
+
+private:
+    const std::string& path;
+    int descriptor;
+    struct stat status {};
+    bool usable;
+};
+
+void writeRecord(const std::string& path, std::string_view record) {
+    {
+        const log_file file{path};
+        if (!file.isFull()) {
+            file.append(record);
+            return;
+        }
+        file.turnOver();
+    }
+    log_file{path}.append(record);
+}
+
+std::string variable(const char* name) {
+    const char* value = ::secure_getenv(name);
+    return value != nullptr ? value : "";
+}
+
+// Where the log of a name is kept; empty when the environment names no place.
+std::filesystem::path logFolder(const std::string& name) {
+    if (const auto folder = variable("LOG2_DIR"); !folder.empty()) {
+        return std::filesystem::absolute(folder);
+    }
+    // A relative XDG_STATE_HOME is invalid and to be ignored, as the XDG base directories have it.
+    if (const auto state = variable("XDG_STATE_HOME"); state.starts_with('/')) {
+        return state + "/" + name;
+    }
+    if (const auto home = variable("HOME"); !home.empty()) {
+        return std::filesystem::absolute(home + "/.local/state/" + name);
+    }
+    return {};
+}
+
+void makeFolder(const std::filesystem::path& folder) {
+    std::filesystem::path made;
+    for (const auto& part : folder) {
+        made /= part;
+        static_cast<void>(::mkdir(made.c_str(), 0700));
+    }
+}
+
+std::string fileName(const char* given) {
+    std::string name = given != nullptr ? given : "";
+    if (name.empty() || name == "." || name == "..") {
+        return "unnamed";
+    }
+    for (auto& letter : name) {
+        letter = letter == '/' ? '_' : letter;
+    }
+    return name;
+}
+
+std::string escapedByte(unsigned char byte) {
+    constexpr std::string_view named = "\n\r\t\\";
+    constexpr std::string_view names = "nrt\\";
+    constexpr std::string_view digits = "0123456789abcdef";
+    if (const auto at = named.find(static_cast<char>(byte)); at != named.npos) {
+        return {'\\', names[at]};
+    }
+    return {'\\', 'x', digits[byte >> 4U], digits[byte & 15U]};
+}
+
+// The text with its control characters escaped: those of ASCII, and U+0080 to U+009F in UTF-8
+// (bytes C2 80 to C2 9F), which terminals obey as well.
+std::string escaped(std::string_view text) {
+    std::string result;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const auto next = static_cast<unsigned char>(at + 1 < text.size() ? text[at + 1] : 0);
+        if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
+            result += escapedByte(byte) + escapedByte(next);
+            ++at;
+        } else if (byte < 0x20 || byte == 0x7F || byte == '\\') {
+            result += escapedByte(byte);
+        } else {
+            result += text[at];
+        }
+    }
+    return result;
+}
+
+std::string orDash(const char* text) {
+    return text != nullptr ? escaped(text) : "-";
+}
+
+// The message without the line feed that some callers end theirs with.
+std::string message(const char* format, va_list values) {
+    char* formatted = nullptr;
+    if (::vasprintf(&formatted, format, values) < 0) {
+        return escaped(format);
+    }
+    const std::unique_ptr<char, decltype(&std::free)> owner{formatted, &std::free};
+    std::string_view text{formatted};
+    if (text.ends_with('\n')) {
+        text.remove_suffix(1);
+    }
+    return escaped(text);
+}
+
+std::string now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    tm utc{};
+    ::gmtime_r(&time.tv_sec, &utc);
+    std::array<char, 32> text{};
+    const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &utc);
+    const auto milliseconds = std::to_string(1000 + time.tv_nsec / 1000000).substr(1);
+    return std::string{text.data(), length} + milliseconds + "Z";
+}
+
+} // namespace
+
+void LogOpen2(const char* name, int level, int /*flag*/) try {
+    const errno_keeper keeper;
+    auto& log = theLog();
+    const std::lock_guard lock{log.guard};
+    log.path.clear();
+    log.level = level;
+    const auto safe_name = fileName(name);
+    if (const auto folder = logFolder(safe_name); !folder.empty()) {
+        makeFolder(folder);
+        log.path = folder / (safe_name + ".log");
+    }
+} catch (...) { // no log, then
+}
+
+void LogWrite(
+    const char* file,
+    int line,
+    const char* function,
+    int level,
+    const char* format,
+    ...) try {
+    const errno_keeper keeper;
+    auto& log = theLog();
+    const std::lock_guard lock{log.guard};
+    if (log.path.empty() || level > log.level || format == nullptr) {
+        return;
+    }
+    va_list values;
+    va_start(values, format);
+    const auto text = message(format, values);
+    va_end(values);
+    writeRecord(
+        log.path,
+        now() + " " + std::to_string(::getpid()) + " " + std::to_string(level) + " " +
+            orDash(function) + " " + orDash(file) + ":" + std::to_string(line) + " " + text + "\n");
+} catch (...) { // the record is lost, its caller is not
+}
+
+void LogClose(void) try {
+    auto& log = theLog();
+    const std::lock_guard lock{log.guard};
+    log.path.clear();
+} catch (...) { // nothing was open
+}
