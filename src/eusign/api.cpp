@@ -689,17 +689,23 @@ bool api::keyTestAll(
     LogWrite(ORLEK_HERE, log_progress, "exec");
     *sign = *valid = *access = false;
     auto media = attachedMedia({ORLEK_HERE}, mediaSerial, mediaPass);
-    *access = keyTestAccess(media);
-    *valid = *access && keyTestOpen(media);
-    *sign = *valid && keyTestSign(media);
-    LogWrite(
-        ORLEK_HERE,
-        log_progress,
-        "done: key-access:%s, key-valid:%s, key-sign:%s)",
-        yesNo(*access),
-        yesNo(*valid),
-        yesNo(*sign));
-    return *sign;
+    if (!keyTestAccess(media)) {
+        LogWrite(ORLEK_HERE, log_progress, "done: key-access:no, key-valid:no, key-sign:no)");
+        return false;
+    }
+    *access = true;
+    if (!keyTestOpen(media)) {
+        LogWrite(ORLEK_HERE, log_progress, "done: key-access:yes, key-valid:no, key-sign:no)");
+        return false;
+    }
+    *valid = true;
+    if (!keyTestSign(media)) {
+        LogWrite(ORLEK_HERE, log_progress, "done: key-access:yes, key-valid:yes, key-sign:no)");
+        return false;
+    }
+    *sign = true;
+    LogWrite(ORLEK_HERE, log_progress, "done: key-access:yes, key-valid:yes, key-sign:yes)");
+    return true;
 }
 
 void api::signCrtPeriod(

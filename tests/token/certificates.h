@@ -28,9 +28,7 @@ bytes der(T* object, Encode encode) {
     return out;
 }
 
-inline bytes der(const certificate& object) {
-    return der(object.get(), i2d_X509);
-}
+inline bytes der(const certificate& object) { return der(object.get(), i2d_X509); }
 
 struct terms {
     const char* usage = "critical,digitalSignature"; // null: no key usage
@@ -48,13 +46,7 @@ inline certificate issue(EVP_PKEY* subject, EVP_PKEY* authority, const terms& wi
     X509_gmtime_adj(X509_getm_notAfter(made.get()), with.end);
     const auto name = [](X509_NAME* into, const char* text) {
         X509_NAME_add_entry_by_txt(
-            into,
-            "CN",
-            MBSTRING_ASC,
-            reinterpret_cast<const unsigned char*>(text),
-            -1,
-            -1,
-            0);
+            into, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(text), -1, -1, 0);
     };
     name(X509_get_issuer_name(made.get()), "Throw-away CA");
     name(X509_get_subject_name(made.get()), "Signer");
@@ -67,11 +59,18 @@ inline certificate issue(EVP_PKEY* subject, EVP_PKEY* authority, const terms& wi
         X509_EXTENSION_free(extension);
     };
     extend(NID_subject_key_identifier, "hash");
-    if (with.usage != nullptr) {
-        extend(NID_key_usage, with.usage);
-    }
+    if (with.usage != nullptr) { extend(NID_key_usage, with.usage); }
     X509_sign(made.get(), authority, EVP_sha256());
     return made;
+}
+
+// The public key that a request, whose own signature must hold, is for; null otherwise.
+inline key requested(const bytes& request) {
+    const unsigned char* start = request.data();
+    const std::unique_ptr<X509_REQ, freed<X509_REQ, X509_REQ_free>> parsed(
+        d2i_X509_REQ(nullptr, &start, static_cast<long>(request.size())));
+    key asked(parsed ? X509_REQ_get_pubkey(parsed.get()) : nullptr);
+    return asked && X509_REQ_verify(parsed.get(), asked.get()) == 1 ? std::move(asked) : nullptr;
 }
 
 } // namespace made

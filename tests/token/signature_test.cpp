@@ -1,13 +1,11 @@
 // Verification of signatures made by OpenSSL, by the library, and by nobody.
 
-#include "certificates.h"
-#include "token_layer.h"
+#include "calls.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
@@ -17,36 +15,7 @@ using made::bytes;
 
 const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
 
-DWORD verify(
-    const bytes& of,
-    const bytes& signature,
-    const bytes& certificate,
-    bool* timed = nullptr) {
-    EU_SIGN_INFO info{};
-    const DWORD result = EUVerifyDataWithParams(
-        of.data(),
-        of.size(),
-        nullptr,
-        0,
-        signature.data(),
-        signature.size(),
-        0,
-        nullptr,
-        0,
-        certificate.data(),
-        certificate.size(),
-        nullptr,
-        &info);
-    if (timed != nullptr) {
-        *timed = info.bTimeAvail != 0;
-    }
-    EUFreeSignInfo(&info);
-    return result;
-}
-
-made::key ecKey() {
-    return made::key(EVP_EC_gen("P-256"));
-}
+made::key ecKey() { return made::key(EVP_EC_gen("P-256")); }
 
 const made::key& authority() {
     static const made::key key = ecKey();
@@ -75,18 +44,12 @@ struct how {
 bytes sign(const signer& by, const how& with = {}) {
     const unsigned flags = CMS_BINARY | CMS_PARTIAL | with.flags;
     const made::message message(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
-    CMS_SignerInfo* signer = CMS_add1_signer(
-        message.get(),
-        by.certificate.get(),
-        by.key.get(),
-        with.digest,
-        flags | (with.pss ? CMS_KEY_PARAM : 0U));
+    CMS_SignerInfo* signer = CMS_add1_signer(message.get(), by.certificate.get(), by.key.get(),
+        with.digest, flags | (with.pss ? CMS_KEY_PARAM : 0U));
     if (with.pss) {
         EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
     }
-    if (with.change) {
-        with.change(message.get(), signer);
-    }
+    if (with.change) { with.change(message.get(), signer); }
     BIO* input = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
     EXPECT_EQ(CMS_final(message.get(), input, nullptr, flags | CMS_DETACHED), 1);
     BIO_free(input);
@@ -104,16 +67,12 @@ TEST(Verification, AcceptsWhatOthersSign) {
     const signer rsa(EVP_RSA_gen(2048));
     const signer p521(EVP_EC_gen("P-521"));
     const signer unrestricted(made::terms{.usage = nullptr});
-    const std::vector<std::pair<const signer*, how>> accepted{
-        {&plain, {}},
-        {&plain, {.flags = CMS_NOCERTS}},
-        {&plain, {.flags = CMS_CADES | CMS_NOCERTS}},
+    const std::vector<std::pair<const signer*, how>> accepted{{&plain, {}},
+        {&plain, {.flags = CMS_NOCERTS}}, {&plain, {.flags = CMS_CADES | CMS_NOCERTS}},
         {&plain, {.flags = CMS_USE_KEYID}},
         {&plain, {.flags = CMS_NOSMIMECAP, .digest = EVP_sha384()}},
-        {&rsa, {.flags = CMS_CADES, .digest = EVP_sha512()}},
-        {&rsa, {.pss = true}},
-        {&p521, {.digest = EVP_sha512()}},
-        {&unrestricted, {}}};
+        {&rsa, {.flags = CMS_CADES, .digest = EVP_sha512()}}, {&rsa, {.pss = true}},
+        {&p521, {.digest = EVP_sha512()}}, {&unrestricted, {}}};
     for (const auto& [by, with] : accepted) {
         bool timed = false;
         EXPECT_EQ(verify(data, sign(*by, with), made::der(by->certificate), &timed), 0U)
@@ -122,8 +81,7 @@ TEST(Verification, AcceptsWhatOthersSign) {
     }
     bool timed = true;
     EXPECT_EQ(
-        verify(data, sign(plain, {.flags = CMS_NOATTR}), made::der(plain.certificate), &timed),
-        0U);
+        verify(data, sign(plain, {.flags = CMS_NOATTR}), made::der(plain.certificate), &timed), 0U);
     EXPECT_FALSE(timed);
 }
 
@@ -168,8 +126,7 @@ TEST(Verification, RefusesEachForItsOwnReason) {
         bytes signature;
         X509* certificate;
         DWORD expected;
-    } refused[] = {
-        {attached, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
+    } refused[] = {{attached, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
         {twoSigners, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
         {longer, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
         {{0x30, 0x00}, plain.certificate.get(), EU_ERROR_SIGN_FORMAT},
@@ -183,8 +140,7 @@ TEST(Verification, RefusesEachForItsOwnReason) {
         {sign(curve), curve.certificate.get(), EU_ERROR_SIGN_ALGORITHM},
         {sign(agreement), agreement.certificate.get(), EU_ERROR_CERT_USAGE},
         {good, other.certificate.get(), EU_ERROR_SIGN_SIGNER},
-        {good, renewed.get(), EU_ERROR_SIGN_SIGNER},
-        {bound, renewed.get(), EU_ERROR_SIGN_SIGNER}};
+        {good, renewed.get(), EU_ERROR_SIGN_SIGNER}, {bound, renewed.get(), EU_ERROR_SIGN_SIGNER}};
     for (const auto& row : refused) {
         EXPECT_EQ(verify(data, row.signature, made::der(row.certificate, i2d_X509)), row.expected)
             << &row - refused;
@@ -193,21 +149,8 @@ TEST(Verification, RefusesEachForItsOwnReason) {
     EXPECT_EQ(verify({'c'}, good, made::der(plain.certificate)), EU_ERROR_SIGN_INVALID);
     const BYTE unused = 0;
     EU_SIGN_INFO info{};
-    EXPECT_EQ(
-        EUVerifyDataWithParams(
-            &unused,
-            1,
-            &unused,
-            1,
-            &unused,
-            1,
-            0,
-            nullptr,
-            0,
-            &unused,
-            1,
-            nullptr,
-            &info),
+    EXPECT_EQ(EUVerifyDataWithParams(
+                  &unused, 1, &unused, 1, &unused, 1, 0, nullptr, 0, &unused, 1, nullptr, &info),
         EU_ERROR_NOT_SUPPORTED);
 }
 
@@ -224,8 +167,7 @@ TEST(Verification, NoticesEveryChangedByte) {
 
     const std::vector<std::pair<unsigned, bytes>> kinds{
         {CMS_CADES | CMS_NOCERTS, made::der(by.certificate)},
-        {CMS_CADES | CMS_USE_KEYID, made::der(by.certificate)},
-        {0, pem}};
+        {CMS_CADES | CMS_USE_KEYID, made::der(by.certificate)}, {0, pem}};
     for (const auto& [flags, certificate] : kinds) {
         std::array<bytes, 3> parts{data, sign(by, {.flags = flags}), certificate};
         ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
@@ -244,11 +186,7 @@ TEST(Verification, NoticesEveryChangedByte) {
 
 // Files: the target is whole or as it was, and a signature holds by OpenSSL's judgement too.
 TEST(Signing, OfFilesReplacesTheTargetOrLeavesIt) {
-    layer::makeToken("Signer");
-    layer::provision(CKM_EC_KEY_PAIR_GEN, NID_X9_62_prime256v1, false);
-    const made::certificate certificate =
-        made::issue(layer::provisionedKey().get(), authority().get());
-    layer::store(made::der(certificate));
+    const made::certificate certificate = makeSigner();
     std::string name = (std::filesystem::temp_directory_path() / "signing.XXXXXX").string();
     const std::filesystem::path folder = ::mkdtemp(name.data());
     std::ofstream(folder / "data") << "contract";

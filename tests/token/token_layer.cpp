@@ -1,16 +1,11 @@
 #include "token_layer.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
-#include <openssl/core_names.h>
-#include <openssl/objects.h>
-#include <openssl/params.h>
-#include <openssl/x509.h>
 #include <p11-kit/p11-kit.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -32,9 +27,7 @@ bool ofCurves(CK_MECHANISM_TYPE type) {
 
 CK_RV interfere() {
     ++calls;
-    if (calls == now.dieAt) {
-        ::_exit(9);
-    }
+    if (calls == now.dieAt) { ::_exit(9); }
     return calls == now.failAt ? now.failWith : CKR_OK;
 }
 
@@ -52,8 +45,8 @@ struct counted<Member, CK_RV (*)(Arguments...)> {
 template <auto... Members>
 void wrap() {
     ((wrapped.*Members =
-          counted<Members, std::remove_reference_t<decltype(wrapped.*Members)>>::call),
-     ...);
+             counted<Members, std::remove_reference_t<decltype(wrapped.*Members)>>::call),
+        ...);
 }
 
 CK_RV logIn(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG length) {
@@ -84,9 +77,7 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
 }
 
 void must(CK_RV result) {
-    if (result != CKR_OK) {
-        throw std::runtime_error("PKCS#11 result " + std::to_string(result));
-    }
+    if (result != CKR_OK) { throw std::runtime_error("PKCS#11 result " + std::to_string(result)); }
 }
 
 CK_FUNCTION_LIST& loaded() {
@@ -108,11 +99,7 @@ public:
         CK_ULONG count = slots.size();
         must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
         must(softhsm->C_OpenSession(
-            slots[0],
-            CKF_SERIAL_SESSION | CKF_RW_SESSION,
-            nullptr,
-            nullptr,
-            &handle));
+            slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle));
         if (loggedIn) {
             const CK_RV result = softhsm->C_Login(handle, CKU_USER, pin(), std::strlen(password));
             must(result == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : result);
@@ -124,24 +111,6 @@ public:
 
     static CK_UTF8CHAR* pin() {
         return reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password));
-    }
-
-    std::vector<CK_OBJECT_HANDLE> find(std::vector<CK_ATTRIBUTE> wanted) const {
-        std::vector<CK_OBJECT_HANDLE> found(32);
-        CK_ULONG count = 0;
-        must(softhsm->C_FindObjectsInit(handle, wanted.data(), wanted.size()));
-        must(softhsm->C_FindObjects(handle, found.data(), found.size(), &count));
-        must(softhsm->C_FindObjectsFinal(handle));
-        found.resize(count);
-        return found;
-    }
-
-    std::vector<unsigned char> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-        std::vector<unsigned char> bytes(1024);
-        CK_ATTRIBUTE attribute{type, bytes.data(), bytes.size()};
-        must(softhsm->C_GetAttributeValue(handle, object, &attribute, 1));
-        bytes.resize(attribute.ulValueLen);
-        return bytes;
     }
 
     CK_SESSION_HANDLE handle = 0;
@@ -192,105 +161,24 @@ EU_KEY_MEDIA medium(const std::string& pin) {
     return media;
 }
 
-std::vector<object> objects() {
+std::size_t objectCount() {
     const session look(true);
-    std::vector<object> found;
-    for (const CK_OBJECT_HANDLE each : look.find({})) {
-        const auto label = look.value(each, CKA_LABEL);
-        CK_OBJECT_CLASS type = 0;
-        std::memcpy(&type, look.value(each, CKA_CLASS).data(), sizeof type);
-        found.push_back({type, {label.begin(), label.end()}});
-    }
-    return found;
+    std::array<CK_OBJECT_HANDLE, 32> found{};
+    CK_ULONG count = 0;
+    must(softhsm->C_FindObjectsInit(look.handle, nullptr, 0));
+    must(softhsm->C_FindObjects(look.handle, found.data(), found.size(), &count));
+    must(softhsm->C_FindObjectsFinal(look.handle));
+    return count;
 }
 
-void provision(CK_MECHANISM_TYPE type, int curve, bool alwaysAuthenticate) {
-    const session make(true);
-    CK_MECHANISM mechanism{type, nullptr, 0};
-    std::array<unsigned char, 3> id{7, 7, 7};
-    std::array<unsigned char, 3> exponent{1, 0, 1};
-    CK_ULONG bits = 2048;
-    CK_BBOOL always = alwaysAuthenticate ? CK_TRUE : CK_FALSE;
-    std::vector<CK_ATTRIBUTE> shown{
-        attribute(CKA_TOKEN, yes),
-        attribute(CKA_VERIFY, yes),
-        attribute(CKA_ID, id)};
-    std::vector<CK_ATTRIBUTE> hidden{
-        attribute(CKA_TOKEN, yes),
-        attribute(CKA_PRIVATE, yes),
-        attribute(CKA_SIGN, yes),
-        attribute(CKA_ALWAYS_AUTHENTICATE, always),
-        attribute(CKA_ID, id)};
-    std::array<unsigned char, 32> oid{};
-    if (type == CKM_EC_KEY_PAIR_GEN) {
-        unsigned char* end = oid.data();
-        const int size = i2d_ASN1_OBJECT(OBJ_nid2obj(curve), &end);
-        shown.push_back({CKA_EC_PARAMS, oid.data(), static_cast<CK_ULONG>(size)});
-    } else {
-        shown.push_back(attribute(CKA_MODULUS_BITS, bits));
-        shown.push_back(attribute(CKA_PUBLIC_EXPONENT, exponent));
-    }
-    std::array<CK_OBJECT_HANDLE, 2> pair{};
-    must(softhsm->C_GenerateKeyPair(
-        make.handle,
-        &mechanism,
-        shown.data(),
-        shown.size(),
-        hidden.data(),
-        hidden.size(),
-        &pair[0],
-        &pair[1]));
-}
-
-key_ptr provisionedKey() {
-    const session look(true);
-    CK_OBJECT_CLASS type = CKO_PUBLIC_KEY;
-    const CK_OBJECT_HANDLE object = look.find({attribute(CKA_CLASS, type)}).at(0);
-    const bool rsa = look.value(object, CKA_KEY_TYPE).at(0) == CKK_RSA;
-    std::vector<OSSL_PARAM> parameters;
-    std::vector<unsigned char> first;
-    std::vector<unsigned char> second;
-    std::string group;
-    if (rsa) {
-        first = look.value(object, CKA_MODULUS);
-        std::reverse(first.begin(), first.end()); // OpenSSL takes the host's byte order
-        second = {1, 0, 1};
-        parameters.push_back(OSSL_PARAM_construct_BN("n", first.data(), first.size()));
-        parameters.push_back(OSSL_PARAM_construct_BN("e", second.data(), second.size()));
-    } else {
-        const auto curve = look.value(object, CKA_EC_PARAMS);
-        const unsigned char* start = curve.data();
-        group = OBJ_nid2sn(OBJ_obj2nid(d2i_ASN1_OBJECT(nullptr, &start, 32)));
-        first = look.value(object, CKA_EC_POINT);
-        first.erase(first.begin(), first.begin() + (first[1] < 0x80 ? 2 : 3));
-        parameters.push_back(OSSL_PARAM_construct_utf8_string("group", group.data(), 0));
-        parameters.push_back(OSSL_PARAM_construct_octet_string("pub", first.data(), first.size()));
-    }
-    parameters.push_back(OSSL_PARAM_construct_end());
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-        EVP_PKEY_CTX_new_from_name(nullptr, rsa ? "RSA" : "EC", nullptr),
-        EVP_PKEY_CTX_free);
-    EVP_PKEY* key = nullptr;
-    EVP_PKEY_fromdata_init(context.get());
-    must(
-        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parameters.data()) == 1
-            ? CKR_OK
-            : CKR_GENERAL_ERROR);
-    return {key, EVP_PKEY_free};
-}
-
-void store(const std::vector<unsigned char>& certificate) {
+void store(std::vector<unsigned char> certificate) {
     const session make(true);
     CK_OBJECT_CLASS type = CKO_CERTIFICATE;
     CK_CERTIFICATE_TYPE x509 = CKC_X_509;
-    auto bytes = certificate;
     unsigned char subject[2] = {0x30, 0x00};
-    std::vector<CK_ATTRIBUTE> attributes{
-        attribute(CKA_CLASS, type),
-        attribute(CKA_CERTIFICATE_TYPE, x509),
-        attribute(CKA_TOKEN, yes),
-        attribute(CKA_SUBJECT, subject),
-        {CKA_VALUE, bytes.data(), bytes.size()}};
+    std::vector<CK_ATTRIBUTE> attributes{attribute(CKA_CLASS, type),
+        attribute(CKA_CERTIFICATE_TYPE, x509), attribute(CKA_TOKEN, yes),
+        attribute(CKA_SUBJECT, subject), {CKA_VALUE, certificate.data(), certificate.size()}};
     CK_OBJECT_HANDLE made = 0;
     must(softhsm->C_CreateObject(make.handle, attributes.data(), attributes.size(), &made));
 }
@@ -301,21 +189,14 @@ using namespace layer;
 
 void p11_kit_be_quiet() {}
 
-char* p11_kit_config_option(CK_FUNCTION_LIST*, const char*) {
-    return nullptr;
-}
+char* p11_kit_config_option(CK_FUNCTION_LIST*, const char*) { return nullptr; }
 
 CK_FUNCTION_LIST** p11_kit_modules_load(const char*, int) {
     wrapped = loaded();
-    wrap<
-        &CK_FUNCTION_LIST::C_GetSlotList,
-        &CK_FUNCTION_LIST::C_OpenSession,
-        &CK_FUNCTION_LIST::C_FindObjectsInit,
-        &CK_FUNCTION_LIST::C_FindObjects,
-        &CK_FUNCTION_LIST::C_GetAttributeValue,
-        &CK_FUNCTION_LIST::C_GenerateKeyPair,
-        &CK_FUNCTION_LIST::C_DestroyObject,
-        &CK_FUNCTION_LIST::C_SignInit,
+    wrap<&CK_FUNCTION_LIST::C_GetSlotList, &CK_FUNCTION_LIST::C_OpenSession,
+        &CK_FUNCTION_LIST::C_FindObjectsInit, &CK_FUNCTION_LIST::C_FindObjects,
+        &CK_FUNCTION_LIST::C_GetAttributeValue, &CK_FUNCTION_LIST::C_GenerateKeyPair,
+        &CK_FUNCTION_LIST::C_DestroyObject, &CK_FUNCTION_LIST::C_SignInit,
         &CK_FUNCTION_LIST::C_Sign>();
     wrapped.C_Login = logIn;
     wrapped.C_GetTokenInfo = tokenInfo;
@@ -326,12 +207,8 @@ CK_FUNCTION_LIST** p11_kit_modules_load(const char*, int) {
     return list.data();
 }
 
-CK_RV p11_kit_module_initialize(CK_FUNCTION_LIST*) {
-    return CKR_OK;
-}
+CK_RV p11_kit_module_initialize(CK_FUNCTION_LIST*) { return CKR_OK; }
 
-CK_RV p11_kit_module_finalize(CK_FUNCTION_LIST*) {
-    return softhsm->C_Finalize(nullptr);
-}
+CK_RV p11_kit_module_finalize(CK_FUNCTION_LIST*) { return softhsm->C_Finalize(nullptr); }
 
 void p11_kit_modules_release(CK_FUNCTION_LIST**) {}

@@ -4,8 +4,6 @@
 
 #include <EUSignCP.h>
 
-#include <memory>
-#include <openssl/evp.h>
 #include <p11-kit/pkcs11.h>
 #include <string>
 #include <vector>
@@ -38,19 +36,8 @@ void makeToken(const std::string& label);
 
 EU_KEY_MEDIA medium(const std::string& password = layer::password);
 
-struct object {
-    CK_OBJECT_CLASS type;
-    std::string label;
-};
-std::vector<object> objects();
+std::size_t objectCount();
 
-// Generates a key pair as other tools would, without the library.
-void provision(CK_MECHANISM_TYPE mechanism, int curve, bool alwaysAuthenticate);
-
-// The public key of the pair that provision made.
-using key_ptr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-key_ptr provisionedKey();
-
-void store(const std::vector<unsigned char>& certificate);
+void store(std::vector<unsigned char> certificate);
 
 } // namespace layer
