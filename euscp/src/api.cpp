@@ -42,10 +42,9 @@ void requireUnused(std::initializer_list<bool> unused) {
     require(std::ranges::find(unused, false) == unused.end(), EU_ERROR_NOT_SUPPORTED);
 }
 
-void describeTo(char* description, std::string_view text) {
-    const std::size_t size = std::min<std::size_t>(text.size(), EU_DESCRIPTION_SIZE - 1);
-    std::copy_n(text.data(), size, description);
-    description[size] = '\0';
+// Copies a text into a caller's buffer, which is larger than any that is handed out.
+void copyTo(char* buffer, std::string_view text) {
+    *std::ranges::copy(text, buffer).out = '\0';
 }
 
 std::string_view passwordOf(const EU_KEY_MEDIA& medium) {
@@ -103,7 +102,7 @@ DWORD EUEnumKeyMediaTypes(DWORD dwTypeIndex, char* pszDescription) {
     return guarded([&] {
         requireReady({pszDescription});
         require(dwTypeIndex == token_type, EU_WARNING_END_OF_ENUM);
-        describeTo(pszDescription, type_description);
+        copyTo(pszDescription, type_description);
     });
 }
 
@@ -115,7 +114,7 @@ DWORD EUEnumKeyMediaDevices(DWORD dwTypeIndex, DWORD dwDevIndex, char* pszDescri
             devices() = listTokens();
         }
         require(dwDevIndex < devices()->size(), EU_WARNING_END_OF_ENUM);
-        describeTo(pszDescription, (*devices())[dwDevIndex].serial);
+        copyTo(pszDescription, (*devices())[dwDevIndex].serial);
     });
 }
 
@@ -314,11 +313,11 @@ DWORD EUGeneratePrivateKeyEx(
         key_requests requests = generateKeys(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
         requests.ds.giveAway(ppbDsRequest, pdwDsRequestLength);
         requests.kep.giveAway(ppbKepRequest, pdwKepRequestLength);
-        for (const auto& [name, suggestion] :
-             {std::pair{pszDsName, "DS.p10"}, std::pair{pszKepName, "KEP.p10"}}) {
-            if (name != nullptr) {
-                std::strcpy(name, suggestion);
-            }
+        if (pszDsName != nullptr) {
+            copyTo(pszDsName, "DS.p10");
+        }
+        if (pszKepName != nullptr) {
+            copyTo(pszKepName, "KEP.p10");
         }
     });
 }

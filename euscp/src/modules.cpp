@@ -21,7 +21,9 @@ public:
     loaded_modules() {
         p11_kit_be_quiet();
         all = p11_kit_modules_load(nullptr, 0);
-        require(all != nullptr, EU_ERROR_KEY_MEDIAS_FAILED);
+        if (all == nullptr) {
+            throw failure(EU_ERROR_KEY_MEDIAS_FAILED);
+        }
         for (CK_FUNCTION_LIST** module = all; *module != nullptr; ++module) {
             if (!holdsTrustPolicy(*module) && p11_kit_module_initialize(*module) == CKR_OK) {
                 started.push_back(*module);

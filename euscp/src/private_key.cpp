@@ -220,7 +220,8 @@ bytes signedBy(
     return signature;
 }
 
-private_key::private_key(const token& medium, std::string_view pin) : on(medium), password(pin) {
+private_key::private_key(token medium, std::string_view pin)
+    : on(std::move(medium)), password(pin) {
     open();
 }
 

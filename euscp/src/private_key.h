@@ -51,7 +51,7 @@ bytes signedBy(
 class private_key {
 public:
     // Throws what session::login does, and EU_ERROR_KEY_NOT_FOUND.
-    private_key(const token& medium, std::string_view pin);
+    private_key(token medium, std::string_view pin);
 
     bytes sign(view message);
     x509_ptr certificate();

@@ -220,7 +220,7 @@ void verifyContent(CMS_ContentInfo* message, X509* signer, view data) {
     succeed(X509_up_ref(signer));
     succeed(sk_X509_push(given.get(), signer));
     // A stream over memory, since a memory BIO ends at 2 GiB. fmemopen reads and never writes.
-    const owned<std::FILE, [](std::FILE* file) { std::fclose(file); }> stream(
+    const owned<std::FILE, [](std::FILE* file) { static_cast<void>(std::fclose(file)); }> stream(
         ::fmemopen(const_cast<unsigned char*>(data.data()), data.size(), "rb"));
     require(stream != nullptr, EU_ERROR_MEMORY);
     const auto input = taken<bio_ptr>(BIO_new_fp(stream.get(), BIO_NOCLOSE));

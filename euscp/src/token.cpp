@@ -90,7 +90,7 @@ attributes& attributes::number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
     return add(type, view(reinterpret_cast<const unsigned char*>(&value), sizeof value));
 }
 
-session::session(const token& with, mode access) : on(with) {
+session::session(token with, mode access) : on(std::move(with)) {
     const CK_FLAGS writing = access == mode::read_write ? CKF_RW_SESSION : 0;
     check(call().C_OpenSession(on.slot, CKF_SERIAL_SESSION | writing, nullptr, nullptr, &opened));
 }

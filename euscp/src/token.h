@@ -54,7 +54,7 @@ class session {
 public:
     enum class mode { read_only, read_write };
 
-    session(const token& with, mode access);
+    session(token with, mode access);
     ~session();
     session(const session&) = delete;
     session& operator=(const session&) = delete;
