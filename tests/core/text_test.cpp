@@ -43,12 +43,8 @@ TEST(text_test, trimsFromAPositionOn) {
 }
 
 TEST(text_test, decodesKeysAndValues) {
-    const strings rows[] = {
-        {"  name \t= value ", "  name", "value "},
-        {"flag ", "flag ", ""},
-        {"=v", "", "v"},
-        {"a=", "a", ""},
-        {"a=\nb=c", "a", "\nb=c"}};
+    const strings rows[] = {{"  name \t= value ", "  name", "value "}, {"flag ", "flag ", ""},
+        {"=v", "", "v"}, {"a=", "a", ""}, {"a=\nb=c", "a", "\nb=c"}};
     for (const auto& row : rows) {
         std::string key = row[0];
         std::string value = "old";
@@ -58,8 +54,7 @@ TEST(text_test, decodesKeysAndValues) {
     EXPECT_EQ(TextDecodeValue("a= 1", '='), "1");
     EXPECT_THROW(TextDecodeValue("a=\t", '='), Orlek::params_error);
     EXPECT_THROW(TextDecodeValue("a", '='), Orlek::params_error);
-    EXPECT_EQ(
-        takeLog(),
+    EXPECT_EQ(takeLog(),
         "core/src/text.cpp 1 TextDecodeValue fail: value absent (text:<a=\t>, delim:<=>)\n"
         "core/src/text.cpp 1 TextDecodeValue fail: find (text:<a>, delim:<=>)\n");
 }
@@ -76,9 +71,7 @@ static std::wstring decode(std::string in, unsigned long inLen, unsigned long ro
     std::wstring out(room + 1, L'#');
     try {
         EXPECT_EQ(TextDecodeUtf8(out.data(), room * sizeof(wchar_t), in.data(), inLen), 1);
-    } catch (const Orlek::internal_error&) {
-        out += L'!';
-    }
+    } catch (const Orlek::internal_error&) { out += L'!'; }
     return out;
 }
 
