@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -30,9 +32,7 @@ protected:
     static std::vector<std::string> lines(const fs::path& path) {
         std::vector<std::string> result;
         std::ifstream file{path};
-        for (std::string line; std::getline(file, line);) {
-            result.push_back(line);
-        }
+        for (std::string line; std::getline(file, line);) { result.push_back(line); }
         return result;
     }
     static void write(const std::string& text) { LogWrite("a.cpp", 7, "f", 1, "%s", text.c_str()); }
@@ -52,8 +52,7 @@ TEST_F(log_test, recordsAreWholeLinesThatCannotBeForged) {
     write("after the closing");
 
     const auto start = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )" + std::to_string(::getpid());
-    const std::vector<std::string> expected{
-        R"( 4 f src/a\.cpp:42 done: <smörg> 3)",
+    const std::vector<std::string> expected{R"( 4 f src/a\.cpp:42 done: <smörg> 3)",
         R"( 1 f a\.cpp:7 x\\n2026-01-31T09:15:00\.123Z 1 1 f a:1 done\\r\\t\\\\\\x1b\[2J\\x7f\\xc2\\x9b)",
         R"( 1 - a\\nb:1 y{99})"};
     auto written = lines(folder / "a/b/.._x.log");
@@ -68,10 +67,9 @@ TEST_F(log_test, recordsAreWholeLinesThatCannotBeForged) {
 TEST_F(log_test, theEnvironmentNamesThePlace) {
     ::unsetenv("LOG2_DIR");
     ::setenv("HOME", folder.c_str(), 1);
-    for (const auto& [state, place] :
-         {std::pair{std::string{}, folder / ".local/state/unnamed"},
-          std::pair{std::string{"relative"}, folder / ".local/state/unnamed"},
-          std::pair{(folder / "state").string(), folder / "state/unnamed"}}) {
+    for (const auto& [state, place] : {std::pair{std::string{}, folder / ".local/state/unnamed"},
+             std::pair{std::string{"relative"}, folder / ".local/state/unnamed"},
+             std::pair{(folder / "state").string(), folder / "state/unnamed"}}) {
         ::setenv("XDG_STATE_HOME", state.c_str(), 1);
         LogOpen2("", 4, 0);
         write("here");
@@ -95,8 +93,7 @@ TEST_F(log_test, noLineIsLostOrTornWhenWritersMeetATurnOver) {
             ::_exit(0);
         }
     }
-    while (::wait(nullptr) > 0) {
-    }
+    while (::wait(nullptr) > 0) {}
     std::multiset<std::string> seen;
     for (const auto* name : {"a/b/shared.log", "a/b/shared.log.1"}) {
         for (const auto& line : lines(folder / name)) {
@@ -111,29 +108,46 @@ TEST_F(log_test, noLineIsLostOrTornWhenWritersMeetATurnOver) {
     EXPECT_LT(fs::file_size(folder / "a/b/shared.log.1"), 10U << 20U);
 }
 
+TEST_F(log_test, doesNotWaitForAProcessThatTurnsTheFileOver) {
+    LogOpen2("busy", 4, 0);
+    const auto full = folder / "a/b/busy.log";
+    std::ofstream{full}.close();
+    fs::resize_file(full, 8U << 20U);
+    const int other = ::open(full.c_str(), O_RDONLY);
+    ASSERT_EQ(::flock(other, LOCK_EX), 0);
+    write("into the full file");
+    EXPECT_GT(fs::file_size(full), 8U << 20U);
+    ::close(other);
+    write("into the new file");
+    EXPECT_EQ(lines(full).size(), 1U);
+}
+
 TEST_F(log_test, whatCannotBeWrittenHarmsNobody) {
-    fs::create_directories(folder / "a/b/dir.log");
-    ASSERT_EQ(::mkfifo((folder / "a/b/fifo.log").c_str(), 0600), 0);
-    fs::create_symlink("/dev/full", folder / "a/b/full.log");
+    const auto place = folder / "a/b";
+    fs::create_directories(place / "dir.log");
+    ASSERT_EQ(::mkfifo((place / "unread.log").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo((place / "pipe.log").c_str(), 0600), 0);
+    const int reader = ::open((place / "pipe.log").c_str(), O_RDONLY | O_NONBLOCK);
     const auto everything = [&] {
         ::alarm(20); // ends a process that hangs
-        if (std::atexit([] { write("after main"); }) != 0) {
-            std::abort();
+        const int unregistered = std::atexit([] { write("after main"); });
+        const std::vector<std::string> names{"dir", "unread", "pipe", std::string(300, 'n')};
+        for (const auto& name : names) {
+            LogOpen2(name.c_str(), 4, 0);
+            write("dropped");
         }
         const rlimit nothing{0, 0};
         ::setrlimit(RLIMIT_FSIZE, &nothing);
-        const std::vector<std::string> places{folder / "a/b/fifo.log", folder / "a/b"};
-        const std::vector<std::string> names{"dir", "fifo", "full", "size", std::string(300, 'n')};
-        for (const auto& place : places) {
-            ::setenv("LOG2_DIR", place.c_str(), 1);
-            for (const auto& name : names) {
-                LogOpen2(name.c_str(), 4, 0);
-                write("dropped");
-            }
-        }
-        LogClose();
-        std::exit(0);
+        LogOpen2("size", 4, 0);
+        write("dropped");
+        ::setenv("LOG2_DIR", (place / "pipe.log").c_str(), 1); // no folder
+        LogOpen2("size", 4, 0);
+        write("dropped");
+        std::exit(unregistered); // with the log open
     };
     EXPECT_EXIT(everything(), testing::ExitedWithCode(0), "^$");
-    EXPECT_EQ(fs::file_size(folder / "a/b/size.log"), 0U);
+    EXPECT_EQ(fs::file_size(place / "size.log"), 0U);
+    char byte{};
+    EXPECT_EQ(::read(reader, &byte, 1), 0);
+    ::close(reader);
 }

@@ -1,0 +1,261 @@
+// EUSignCP as a recorder: every call becomes a line of the transcript, with its arguments and its
+// result. What is handed out gets a name ("key2") under which it is seen again. Left alone, it
+// plays two media with a key that works; environment variables make it play something else:
+//
+//   EU_MEDIA     the types, split by '|', each "description,serial,serial"; '@' stands for the
+//                supported description up to its last letter, '+' for that letter, '~' for a byte
+//                that is no character
+//   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
+//   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
+//   EU_FAIL      "k:code": the k-th of the calls that return a result returns this code
+//   <function>   the result of every call of the function of this name
+#include <EUSignCP.h>
+
+#include <algorithm>
+#include <concepts>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "transcript.h"
+
+namespace {
+
+// All that was handed out, and whether it came back. Memory is kept until the end, so that a second
+// release is known as one.
+class ledger {
+public:
+    ~ledger() {
+        for (const auto& [place, name] : names) {
+            if (!name.empty()) { transcribe("leak: " + name); }
+            delete[] static_cast<const char*>(place);
+        }
+    }
+    template <class type>
+    type* give(const std::string& kind, std::string_view content) {
+        auto* place = new char[std::max<std::size_t>(content.size(), 1)];
+        content.copy(place, content.size());
+        names[place] = kind + std::to_string(names.size() + 1);
+        return reinterpret_cast<type*>(place);
+    }
+    std::string look(const std::string& kind, const void* place) const {
+        const auto found = names.find(place);
+        if (place != nullptr && (found == names.end() || !found->second.starts_with(kind))) {
+            transcribe("leak: not a " + kind + ", or released before");
+        }
+        return place == nullptr ? "null" : found == names.end() ? "unknown" : found->second;
+    }
+    std::string take(const std::string& kind, const void* place) {
+        auto name = look(kind, place);
+        if (const auto found = names.find(place); found != names.end()) { found->second.clear(); }
+        return name;
+    }
+
+private:
+    std::map<const void*, std::string> names; // empty once released
+};
+
+ledger given;
+
+std::string setting(const std::string& name, const std::string& otherwise) {
+    const char* value = std::getenv(name.c_str());
+    return value != nullptr ? value : otherwise;
+}
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::istringstream stream{text};
+    for (std::string part; std::getline(stream, part, separator);) { parts.push_back(part); }
+    return parts;
+}
+
+// The description of a media type, then the serials of its devices; nothing past the last type.
+std::vector<std::string> mediaType(DWORD index) {
+    const auto types = split(setting("EU_MEDIA", "@+,S1,S2"), '|');
+    std::string type;
+    for (const char letter : index < types.size() ? types[index] : "") {
+        // The description is "е.ключ ІІТ Алмаз-1К" in Windows-1251.
+        type += letter == '@'   ? "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1"
+                : letter == '+' ? "\xCA"
+                : letter == '~' ? "\x98"
+                                : std::string(1, letter);
+    }
+    return split(type, ',');
+}
+
+template <std::integral number>
+std::string show(number value) {
+    return std::to_string(value);
+}
+std::string show(const std::string& shown) { return shown; }
+std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
+std::string show(const void* pointer) { return pointer ? "set" : "null"; }
+std::string show(const EU_KEY_MEDIA* media) {
+    const std::string_view field{media->szPassword, EU_PASSWORD_SIZE};
+    const auto password = field.substr(0, field.find('\0'));
+    const bool clean = field.find_first_not_of('\0', password.size()) == field.npos;
+    return show(media->dwTypeIndex) + "/" + show(media->dwDevIndex) + "/" + std::string{password} +
+           (clean ? "" : " and more");
+}
+std::string bytes(const BYTE* data, DWORD size) {
+    return "\"" + std::string{data, data + size} + "\"";
+}
+
+template <class... values>
+std::string call(const std::string& function, const values&... arguments) {
+    std::string list;
+    ((list += (list.empty() ? "" : ", ") + show(arguments)), ...);
+    return function + "(" + list + ")";
+}
+
+// Writes a call down and gives its result: the scripted one, else the natural one. The action hands
+// out what a call that succeeds does.
+DWORD answer(
+    const std::string& call, const std::function<void()>& act = [] {}, DWORD natural = 0) {
+    static int calls = 0;
+    const auto fail = setting("EU_FAIL", "0:0");
+    auto result = std::stoul(setting(call.substr(0, call.find('(')), std::to_string(natural)));
+    if (++calls == std::stoi(fail)) { result = std::stoul(fail.substr(fail.find(':') + 1)); }
+    if (result == EU_ERROR_NONE) { act(); }
+    transcribe(call + " = " + std::to_string(result));
+    return result;
+}
+
+// The answer of an enumeration.
+DWORD answer(const std::string& call, const std::vector<std::string>& texts, DWORD at, char* text) {
+    const auto describe = [&] {
+        std::memset(text, 0, EU_DESCRIPTION_SIZE); // the caller has room for all of it
+        texts.at(at).copy(text, EU_DESCRIPTION_SIZE - 1);
+    };
+    return answer(call, describe, at < texts.size() ? EU_ERROR_NONE : EU_WARNING_END_OF_ENUM);
+}
+
+constexpr SYSTEMTIME begin_time{2024, 1, 3, 31, 9, 5, 0, 7};
+constexpr SYSTEMTIME end_time{2026, 12, 4, 31, 23, 59, 58, 0};
+
+} // namespace
+
+// The interface's lists are long, and its functions many: laid out by hand.
+// clang-format off
+
+void EUSetUIMode(BOOL mode) { transcribe(call(__func__, mode)); }
+
+DWORD EUInitialize(void) { return answer(call(__func__)); }
+
+void EUFinalize(void) { transcribe(call(__func__)); }
+
+const char* EUGetErrorLangDesc(DWORD error, DWORD language) {
+    transcribe(call(__func__, error, language));
+    return "why %s";
+}
+
+DWORD EUEnumKeyMediaTypes(DWORD type, char* text) {
+    return answer(call(__func__, type), mediaType(type), 0, text);
+}
+
+DWORD EUEnumKeyMediaDevices(DWORD type, DWORD device, char* text) {
+    return answer(call(__func__, type, device), mediaType(type), device + 1, text);
+}
+
+DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* media, BOOL* exists) {
+    static std::size_t asked = 0;
+    return answer(call(__func__, media, *exists), [&] {
+        const auto keys = setting("EU_KEY", "1");
+        *exists = keys[std::min(asked++, keys.size() - 1)] == '1' ? 2 : 0;
+    });
+}
+
+DWORD EUCtxCreate(void** context) {
+    return answer(call(__func__, *context), [&] { *context = given.give<void>("context", ""); });
+}
+
+void EUCtxFree(void* context) { transcribe(call(__func__, given.take("context", context))); }
+
+DWORD EUCtxReadPrivateKey(
+    void* context, const EU_KEY_MEDIA* media, void** key, EU_CERT_OWNER_INFO* info) {
+    return answer(call(__func__, given.look("context", context), media, show(*key)), [&] {
+        *key = given.give<void>("key", "");
+        info->pszSubject = given.give<char>("owner", "");
+    });
+}
+
+void EUCtxFreePrivateKey(void* key) { transcribe(call(__func__, given.take("key", key))); }
+
+void EUCtxFreeCertOwnerInfo(void* context, EU_CERT_OWNER_INFO* info) {
+    const auto owner = given.take("owner", info->pszSubject);
+    transcribe(call(__func__, given.look("context", context), owner));
+}
+
+DWORD EUCtxGetOwnCertificate(void* key, DWORD type, DWORD usage, EU_CERT_INFO_EX** info,
+                             BYTE** certificate, DWORD* length) {
+    const auto name = given.look("key", key);
+    return answer(call(__func__, name, type, usage, show(*info), show(*certificate), *length), [&] {
+        *info = given.give<EU_CERT_INFO_EX>("info", std::string(sizeof(EU_CERT_INFO_EX), '\0'));
+        (*info)->stCertBeginTime = begin_time;
+        (*info)->stCertEndTime = end_time;
+        *certificate = given.give<BYTE>("memory", "certificate");
+        *length = 11;
+    });
+}
+
+void EUFreeCertificateInfoEx(EU_CERT_INFO_EX* info) {
+    transcribe(call(__func__, given.take("info", info)));
+}
+
+DWORD EUCtxSignData(void* key, DWORD algorithm, const BYTE* data, DWORD size, BOOL external,
+                    BOOL append, BYTE** signature, DWORD* length) {
+    const auto name = given.look("key", key);
+    return answer(call(__func__, name, algorithm, bytes(data, size), size, external, append,
+                       show(*signature)), [&] {
+        *signature = given.give<BYTE>("memory", "signature");
+        *length = 9;
+    });
+}
+
+DWORD EUCtxSignFile(void* key, DWORD algorithm, const char* file, BOOL external, BOOL append,
+                    const char* signature) {
+    const auto name = given.look("key", key);
+    return answer(call(__func__, name, algorithm, file, external, append, signature));
+}
+
+DWORD EUVerifyDataWithParams(
+    const BYTE* data, DWORD size, const void* hash, DWORD hash_size, const BYTE* signature,
+    DWORD signature_size, DWORD index, const void* params, DWORD params_size,
+    const BYTE* certificate, DWORD certificate_size, const void* settings, EU_SIGN_INFO* info) {
+    return answer(call(__func__, bytes(data, size), size, hash, hash_size,
+                       bytes(signature, signature_size), signature_size, index, params, params_size,
+                       bytes(certificate, certificate_size), certificate_size, settings), [&] {
+        *info = {};
+        info->pszSubject = given.give<char>("signer", "");
+        info->bTimeAvail = setting("EU_TIME", "") == "1" ? 2 : 0;
+        info->bTimeStamp = setting("EU_TIME", "") == "2" ? 2 : 0;
+        info->Time = begin_time;
+    });
+}
+
+void EUFreeSignInfo(EU_SIGN_INFO* info) {
+    transcribe(call(__func__, given.take("signer", info->pszSubject)));
+}
+
+DWORD EUGeneratePrivateKeyEx(
+    const EU_KEY_MEDIA* media, BOOL set_password, DWORD keys, DWORD ds_spec, DWORD kep_spec,
+    const char* path, DWORD type, DWORD spec, const void* p9, BYTE** p10, DWORD* p11, BYTE** p12,
+    DWORD* p13, const void* p14, const void* p15, BYTE** ds, DWORD* ds_size, char* ds_name,
+    BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
+    return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type, spec, p9,
+                       p10, p11, p12, p13, p14, p15, show(*ds), show(*kep), p22, p23, p24), [&] {
+        *ds = given.give<BYTE>("memory", "DS request");
+        *kep = given.give<BYTE>("memory", "KEP request");
+        *ds_size = 10;
+        *kep_size = 11;
+        std::memset(ds_name, 'n', EU_REQUEST_NAME_SIZE);
+        std::memset(kep_name, 'n', EU_REQUEST_NAME_SIZE);
+    });
+}
+
+DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* media) { return answer(call(__func__, media)); }
+
+void EUFreeMemory(BYTE* memory) { transcribe(call(__func__, given.take("memory", memory))); }
