@@ -20,6 +20,35 @@ inline DWORD generate(const EU_KEY_MEDIA& media, made::bytes* ds = nullptr) {
     return result;
 }
 
+class opened_key {
+public:
+    explicit opened_key(const EU_KEY_MEDIA& media) {
+        EXPECT_EQ(EUCtxCreate(&context), EU_ERROR_NONE);
+        EU_CERT_OWNER_INFO owner{};
+        result = EUCtxReadPrivateKey(context, &media, &key, &owner);
+        EUCtxFreeCertOwnerInfo(context, &owner);
+    }
+    ~opened_key() {
+        EUCtxFreePrivateKey(key);
+        EUCtxFree(context);
+    }
+    opened_key(const opened_key&) = delete;
+    opened_key& operator=(const opened_key&) = delete;
+
+    DWORD sign() const {
+        const BYTE data[] = {'d', 'a', 't', 'a'};
+        BYTE* signature = nullptr;
+        DWORD length = 0;
+        const DWORD code = EUCtxSignData(key, 1, data, sizeof data, 1, 0, &signature, &length);
+        EUFreeMemory(signature);
+        return code;
+    }
+
+    void* context = nullptr;
+    void* key = nullptr;
+    DWORD result;
+};
+
 inline DWORD verify(const made::bytes& of, const made::bytes& signature,
     const made::bytes& certificate, bool* timed = nullptr) {
     EU_SIGN_INFO info{};
@@ -38,7 +67,7 @@ inline made::certificate certify(EVP_PKEY* key) {
 
 // A token with a key and its certificate, which is returned.
 inline made::certificate makeSigner() {
-    layer::makeToken("Signer");
+    layer::empty();
     made::bytes request;
     EXPECT_EQ(generate(layer::medium(), &request), EU_ERROR_NONE);
     auto certificate = certify(made::requested(request).get());

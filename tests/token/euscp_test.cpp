@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     const bool writable = ::access(memory.c_str(), W_OK) == 0;
     const auto parent = writable ? memory : std::filesystem::temp_directory_path();
     std::string folder = (parent / "euscp.XXXXXX").string();
-    layer::useFolder(::mkdtemp(folder.data()));
+    layer::makeToken(::mkdtemp(folder.data()));
     ::testing::InitGoogleTest(&argc, argv);
     const int result = RUN_ALL_TESTS();
     EUFinalize();

@@ -20,6 +20,7 @@ namespace {
 CK_FUNCTION_LIST* softhsm = nullptr;
 CK_FUNCTION_LIST wrapped;
 std::array<CK_FUNCTION_LIST*, 2> list{&wrapped, nullptr};
+std::string certificateFile;
 
 bool ofCurves(CK_MECHANISM_TYPE type) {
     return type == CKM_EC_KEY_PAIR_GEN || type == CKM_ECDSA || type == CKM_ECDH1_DERIVE;
@@ -28,7 +29,7 @@ bool ofCurves(CK_MECHANISM_TYPE type) {
 CK_RV interfere() {
     ++calls;
     if (calls == now.dieAt) { ::_exit(9); }
-    return calls == now.failAt ? now.failWith : CKR_OK;
+    return calls == now.failAt ? CKR_DEVICE_ERROR : CKR_OK;
 }
 
 // One function of the list, counted and made to fail, then passed on.
@@ -91,36 +92,33 @@ CK_FUNCTION_LIST& loaded() {
     return *softhsm;
 }
 
-// A session of the test's own; closed before the library is called, so no login stays.
-class session {
-public:
-    explicit session(bool loggedIn) {
-        std::array<CK_SLOT_ID, 8> slots{};
-        CK_ULONG count = slots.size();
-        must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
-        must(softhsm->C_OpenSession(
-            slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &handle));
-        if (loggedIn) {
-            const CK_RV result = softhsm->C_Login(handle, CKU_USER, pin(), std::strlen(password));
-            must(result == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : result);
-        }
+CK_UTF8CHAR* pin() { return reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password)); }
+
+// The objects on the token, which are destroyed on demand.
+CK_ULONG countObjects(bool destroying) {
+    std::array<CK_SLOT_ID, 8> slots{};
+    std::array<CK_OBJECT_HANDLE, 32> found{};
+    CK_ULONG count = slots.size();
+    CK_SESSION_HANDLE session = 0;
+    must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
+    must(softhsm->C_OpenSession(
+        slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
+    const CK_RV login = softhsm->C_Login(session, CKU_USER, pin(), std::strlen(password));
+    must(login == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : login);
+    must(softhsm->C_FindObjectsInit(session, nullptr, 0));
+    must(softhsm->C_FindObjects(session, found.data(), found.size(), &count));
+    must(softhsm->C_FindObjectsFinal(session));
+    for (CK_ULONG i = 0; destroying && i < count; ++i) {
+        must(softhsm->C_DestroyObject(session, found[i]));
     }
-    ~session() { softhsm->C_CloseSession(handle); }
-    session(const session&) = delete;
-    session& operator=(const session&) = delete;
+    must(softhsm->C_CloseSession(session));
+    return count;
+}
 
-    static CK_UTF8CHAR* pin() {
-        return reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password));
+void shell(const std::string& command) {
+    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+        throw std::runtime_error(command);
     }
-
-    CK_SESSION_HANDLE handle = 0;
-};
-
-CK_BBOOL yes = CK_TRUE;
-
-template <class T>
-CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, T& value) {
-    return {type, &value, sizeof value};
 }
 
 } // namespace
@@ -130,28 +128,18 @@ void reset() {
     calls = 0;
 }
 
-void useFolder(const std::string& folder) {
+void makeToken(const std::string& folder) {
     std::filesystem::create_directories(folder + "/tokens");
     std::ofstream(folder + "/softhsm2.conf")
         << "directories.tokendir = " << folder << "/tokens\nlog.level = ERROR\n";
     ::setenv("SOFTHSM2_CONF", (folder + "/softhsm2.conf").c_str(), 1);
+    shell("softhsm2-util --init-token --free --label Alice --so-pin 12345678 --pin " +
+          std::string(password));
+    certificateFile = folder + "/certificate";
 }
 
-void makeToken(const std::string& label) {
-    reset();
-    std::array<CK_SLOT_ID, 8> slots{};
-    CK_ULONG count = slots.size();
-    must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
-    std::string padded = label;
-    padded.resize(32, ' ');
-    auto* text = reinterpret_cast<CK_UTF8CHAR*>(padded.data());
-    must(softhsm->C_InitToken(slots[0], session::pin(), std::strlen(password), text));
-    const session officer(false);
-    must(softhsm->C_Login(officer.handle, CKU_SO, session::pin(), std::strlen(password)));
-    must(softhsm->C_InitPIN(officer.handle, session::pin(), std::strlen(password)));
-    must(softhsm->C_Logout(officer.handle));
-    std::array<char, EU_DESCRIPTION_SIZE> description{};
-    must(EUEnumKeyMediaDevices(0, 0, description.data())); // the serial number is a new one
+void empty() {
+    countObjects(true);
     reset();
 }
 
@@ -161,26 +149,14 @@ EU_KEY_MEDIA medium(const std::string& pin) {
     return media;
 }
 
-std::size_t objectCount() {
-    const session look(true);
-    std::array<CK_OBJECT_HANDLE, 32> found{};
-    CK_ULONG count = 0;
-    must(softhsm->C_FindObjectsInit(look.handle, nullptr, 0));
-    must(softhsm->C_FindObjects(look.handle, found.data(), found.size(), &count));
-    must(softhsm->C_FindObjectsFinal(look.handle));
-    return count;
-}
+std::size_t objectCount() { return countObjects(false); }
 
-void store(std::vector<unsigned char> certificate) {
-    const session make(true);
-    CK_OBJECT_CLASS type = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE x509 = CKC_X_509;
-    unsigned char subject[2] = {0x30, 0x00};
-    std::vector<CK_ATTRIBUTE> attributes{attribute(CKA_CLASS, type),
-        attribute(CKA_CERTIFICATE_TYPE, x509), attribute(CKA_TOKEN, yes),
-        attribute(CKA_SUBJECT, subject), {CKA_VALUE, certificate.data(), certificate.size()}};
-    CK_OBJECT_HANDLE made = 0;
-    must(softhsm->C_CreateObject(make.handle, attributes.data(), attributes.size(), &made));
+void store(const std::vector<unsigned char>& certificate) {
+    std::ofstream(certificateFile, std::ios::binary)
+        .write(reinterpret_cast<const char*>(certificate.data()),
+            static_cast<std::streamsize>(certificate.size()));
+    shell("pkcs11-tool --module " SOFTHSM_PATH " --token-label Alice --login --pin " +
+          std::string(password) + " --write-object " + certificateFile + " --type cert");
 }
 
 } // namespace layer

@@ -14,30 +14,29 @@ inline constexpr const char* password = "246810";
 
 // What happens to the calls, until the next reset.
 struct interference {
-    int failAt = 0;                    // the call, counted from 1, that fails
-    CK_RV failWith = CKR_DEVICE_ERROR; // and how
-    int dieAt = 0;                     // the call before which the process ends at once
-    std::vector<CK_RV> login;          // results of the next logins, instead of the token's
-    bool refuseChange = false;         // C_SetAttributeValue
-    bool refuseCopy = false;           // C_CopyObject
-    bool noCurves = false;             // mechanisms of elliptic curves
-    bool absent = false;               // the token is no longer in its slot
+    int failAt = 0;            // the call, counted from 1, that fails
+    int dieAt = 0;             // the call before which the process ends at once
+    std::vector<CK_RV> login;  // results of the next logins, instead of the token's
+    bool refuseChange = false; // C_SetAttributeValue
+    bool refuseCopy = false;   // C_CopyObject
+    bool noCurves = false;     // mechanisms of elliptic curves
+    bool absent = false;       // the token is no longer in its slot
 };
 extern interference now;
 extern int calls; // since the last reset
 
 void reset();
 
-// Points SoftHSM at a folder of its own; before anything else.
-void useFolder(const std::string& folder);
+// Makes the token in a folder of its own, and points SoftHSM there; before anything else.
+void makeToken(const std::string& folder);
 
-// Wipes the token and sets it up anew, with the password.
-void makeToken(const std::string& label);
+// Takes all objects off the token.
+void empty();
 
 EU_KEY_MEDIA medium(const std::string& password = layer::password);
 
 std::size_t objectCount();
 
-void store(std::vector<unsigned char> certificate);
+void store(const std::vector<unsigned char>& certificate);
 
 } // namespace layer
