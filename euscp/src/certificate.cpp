@@ -38,14 +38,6 @@ x509_ptr parsePem(view encoding) {
     return certificate;
 }
 
-x509_ptr parseDer(view encoding) {
-    auto certificate = decoded<x509_ptr>(encoding, d2i_X509, EU_ERROR_CERT_FORMAT);
-    require(
-        std::ranges::equal(encoded(certificate.get(), i2d_X509), encoding),
-        EU_ERROR_CERT_FORMAT);
-    return certificate;
-}
-
 // Whether to prefer the first certificate to the second.
 bool better(const X509* one, const X509* other) {
     const std::time_t now = std::time(nullptr);
@@ -59,7 +51,9 @@ bool better(const X509* one, const X509* other) {
 } // namespace
 
 x509_ptr parseCertificate(view encoding) {
-    return looksLikeDer(encoding) ? parseDer(encoding) : parsePem(encoding);
+    return looksLikeDer(encoding)
+               ? decodedStrictly<x509_ptr>(encoding, d2i_X509, i2d_X509, EU_ERROR_CERT_FORMAT)
+               : parsePem(encoding);
 }
 
 x509_ptr certificateIn(const session& on, CK_OBJECT_HANDLE object) {

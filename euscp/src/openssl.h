@@ -4,6 +4,7 @@
 #include "bytes.h"
 #include "errors.h"
 
+#include <algorithm>
 #include <memory>
 #include <openssl/bio.h>
 #include <openssl/cms.h>
@@ -60,6 +61,15 @@ Owner decoded(view der, Decode decode, DWORD code) {
     const unsigned char* end = der.data();
     auto object = taken<Owner>(decode(nullptr, &end, static_cast<long>(der.size())), code);
     require(end == der.data() + der.size(), code);
+    return object;
+}
+
+// The same for the one encoding that DER allows: any other encoding of the object is a failure, so
+// no changed byte goes unnoticed.
+template <class Owner, class Decode, class Encode>
+Owner decodedStrictly(view der, Decode decode, Encode encode, DWORD code) {
+    auto object = decoded<Owner>(der, decode, code);
+    require(std::ranges::equal(encoded(object.get(), encode), der), code);
     return object;
 }
 

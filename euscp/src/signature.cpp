@@ -230,15 +230,6 @@ void verifyContent(CMS_ContentInfo* message, X509* signer, view data) {
         EU_ERROR_SIGN_INVALID);
 }
 
-// Only the one encoding, DER, so that no changed byte goes unnoticed.
-cms_ptr parseMessage(view signature) {
-    auto message = decoded<cms_ptr>(signature, d2i_CMS_ContentInfo, EU_ERROR_SIGN_FORMAT);
-    require(
-        std::ranges::equal(encoded(message.get(), i2d_CMS_ContentInfo), signature),
-        EU_ERROR_SIGN_FORMAT);
-    return message;
-}
-
 // Names the certificate exactly: the comparison that OpenSSL makes overlooks case and blanks.
 bool isNamedBy(CMS_SignerInfo* signer, X509* certificate) {
     X509_NAME* issuer = nullptr;
@@ -309,7 +300,11 @@ verified verify(view data, view signature, view certificate) {
     require(key != nullptr && isServed(key), EU_ERROR_SIGN_ALGORITHM);
     require(allowsSigning(signerCertificate.get()), EU_ERROR_CERT_USAGE);
 
-    auto message = parseMessage(signature);
+    auto message = decodedStrictly<cms_ptr>(
+        signature,
+        d2i_CMS_ContentInfo,
+        i2d_CMS_ContentInfo,
+        EU_ERROR_SIGN_FORMAT);
     CMS_SignerInfo* signer = onlySigner(message.get());
     require(isNamedBy(signer, signerCertificate.get()), EU_ERROR_SIGN_SIGNER);
     checkAlgorithms(signer, key);
