@@ -11,9 +11,14 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
-# A RUNPATH relative to the program: the tree can be moved, and LD_LIBRARY_PATH still wins.
-set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
-set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+# A RUNPATH relative to the program: the tree can be moved, and LD_LIBRARY_PATH still wins. Built as
+# it is installed, since CMake pads the one of a build tree with empty entries, and the loader takes
+# those for the current folder.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib")
+foreach(root IN LISTS EUSCP_ROOT LOG2_ROOT)
+  list(APPEND CMAKE_INSTALL_RPATH ${root}/lib)
+endforeach()
 add_link_options(-Wl,--enable-new-dtags -Wl,--as-needed -Wl,-z,relro,-z,now)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -fstack-protector-strong)
@@ -35,7 +40,7 @@ function(velmora_export_only target map)
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
 endfunction()
 
-# Another build of a platform library: its headers, its file by name, its folder to run with.
+# Another build of a platform library: its headers, its file by name.
 function(velmora_external_library target root file)
   if(NOT EXISTS ${root}/include OR NOT EXISTS ${root}/lib/${file})
     message(FATAL_ERROR "${root} does not hold include/ and lib/${file}")
@@ -44,5 +49,4 @@ function(velmora_external_library target root file)
   target_include_directories(${target} SYSTEM INTERFACE ${root}/include)
   target_link_directories(${target} INTERFACE ${root}/lib)
   target_link_libraries(${target} INTERFACE -l:${file})
-  target_link_options(${target} INTERFACE -Wl,-rpath,${root}/lib)
 endfunction()

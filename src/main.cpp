@@ -11,12 +11,28 @@
 #include <exception>
 #include <iostream>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 using Orlek::Support::cli_request;
 using Orlek::Support::cli_response;
 
 namespace Velmora = Orlek::Support::Velmora;
 
+// A start with a standard stream closed would hand its number to the next file opened, and the
+// answer would be written there.
+static void occupyStandardStreams() {
+    int opened = 0;
+    do {
+        opened = open("/dev/null", O_RDWR);
+    } while (opened >= 0 && opened <= STDERR_FILENO);
+    if (opened >= 0) {
+        close(opened);
+    }
+}
+
 int main(int argc, char** argv) {
+    occupyStandardStreams();
     const auto request = cli_request::create(argc, argv, nullptr);
     const int logLevel = request.getLogLevel();
     LogOpen2(request.getLogName().c_str(), logLevel, 0);

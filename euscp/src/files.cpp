@@ -99,7 +99,7 @@ std::string folderOf(const std::string& path) {
 
 bytes fileDigest(const char* path) {
     // O_NONBLOCK: a pipe without a writer is to be refused, not waited for.
-    const descriptor file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const descriptor file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat present {};
     require(
         file && ::fstat(file.number, &present) == 0 && S_ISREG(present.st_mode),

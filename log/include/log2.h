@@ -6,7 +6,8 @@
  * relative XDG_STATE_HOME is ignored). It is made with mode 0600, missing folders above it with
  * 0700; what is there already keeps its mode. Many processes may share it: a record is one line,
  * written with one write at the end of the file. Once it holds 8 MiB it is renamed to <name>.log.1,
- * replacing the one before, and every process goes on in the new file.
+ * replacing the one before, and every process goes on in the new file. Where it cannot be renamed,
+ * or its name is a symbolic link, it grows on.
  *
  * A line: UTC time with milliseconds, process, level, function, source file and line, message:
  *

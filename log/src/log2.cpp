@@ -1,18 +1,19 @@
 #include "log2.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -22,25 +23,32 @@ namespace {
 
 constexpr off_t turn_over_size = off_t{8} << 20;
 
+// A log that was opened. None is ever destroyed: records may come from destructors that run after
+// main, and from a thread that is not done when another one opens or closes a log.
 struct open_log {
-    std::mutex guard;
-    std::string path; // empty while no log is open
-    int level = 0;
+    const std::string path;
+    const int level;
+    open_log* const before;
+    std::atomic<bool> closed = false;
 };
 
-// Never destroyed: records may come from destructors that run after main.
-open_log& theLog() {
-    static auto& log = *new open_log;
-    return log;
-}
+std::atomic<open_log*> current;
 
-// A log call between a failure and its report must not change what errno says.
-class errno_keeper {
+// For the length of a call: what errno says stays as it was, since a log call may stand between a
+// failure and its report, and the thread is not cancelled half-way.
+class undisturbed {
 public:
-    ~errno_keeper() { errno = kept; }
+    undisturbed() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling); }
+    ~undisturbed() {
+        ::pthread_setcancelstate(cancelling, nullptr);
+        errno = kept;
+    }
+    undisturbed(const undisturbed&) = delete;
+    undisturbed& operator=(const undisturbed&) = delete;
 
 private:
     int kept = errno;
+    int cancelling = PTHREAD_CANCEL_ENABLE;
 };
 
 // The log file, open for one record: whoever opens it by name for each record always writes to the
@@ -71,7 +79,7 @@ public:
     // at it, nothing is done, and the record goes to the full file.
     void turnOver() const {
         struct stat named {};
-        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 && ::stat(path.c_str(), &named) == 0 &&
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 && ::lstat(path.c_str(), &named) == 0 &&
             named.st_dev == status.st_dev && named.st_ino == status.st_ino) {
             static_cast<void>(::rename(path.c_str(), (path + ".1").c_str()));
         }
@@ -80,13 +88,26 @@ public:
     void append(std::string_view record) const {
         // Writing past the process's file size limit would end the process with a signal.
         rlimit limit{};
-        if (usable && ::getrlimit(RLIMIT_FSIZE, &limit) == 0 &&
-            static_cast<rlim_t>(status.st_size) + record.size() <= limit.rlim_cur) {
-            static_cast<void>(::write(descriptor, record.data(), record.size()) < 0);
+        if (!usable || ::getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+            static_cast<rlim_t>(status.st_size) + record.size() > limit.rlim_cur) {
+            return;
+        }
+        const auto written = ::write(descriptor, record.data(), record.size());
+        if (written > 0 && static_cast<std::size_t>(written) < record.size()) {
+            takeBack(written);
         }
     }
 
 private:
+    // A full disk cut the record short: what there is of it goes, unless others wrote behind it.
+    void takeBack(ssize_t written) const {
+        const off_t end = ::lseek(descriptor, 0, SEEK_CUR);
+        struct stat now {};
+        if (::fstat(descriptor, &now) == 0 && now.st_size == end) {
+            static_cast<void>(::ftruncate(descriptor, end - written) == 0);
+        }
+    }
+
     const std::string& path;
     int descriptor;
     struct stat status {};
@@ -180,40 +201,49 @@ std::string orDash(const char* text) {
 // The message without the line feed that some callers end theirs with.
 std::string message(const char* format, va_list values) {
     char* formatted = nullptr;
-    if (::vasprintf(&formatted, format, values) < 0) {
+    const int length = ::vasprintf(&formatted, format, values);
+    if (length < 0) {
         return escaped(format);
     }
     const std::unique_ptr<char, decltype(&std::free)> owner{formatted, &std::free};
-    std::string_view text{formatted};
+    std::string_view text{formatted, static_cast<std::size_t>(length)};
     if (text.ends_with('\n')) {
         text.remove_suffix(1);
     }
     return escaped(text);
 }
 
+// Without the C library's calendar, which reads a file that the environment names.
 std::string now() {
-    timespec time{};
-    ::clock_gettime(CLOCK_REALTIME, &time);
-    tm utc{};
-    ::gmtime_r(&time.tv_sec, &utc);
-    std::array<char, 32> text{};
-    const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &utc);
-    const auto milliseconds = std::to_string(1000 + time.tv_nsec / 1000000).substr(1);
-    return std::string{text.data(), length} + milliseconds + "Z";
+    using namespace std::chrono;
+    const auto moment = floor<milliseconds>(system_clock::now());
+    const auto day = floor<days>(moment);
+    const year_month_day date{day};
+    const hh_mm_ss time{moment - day};
+    std::array<char, 40> text{};
+    const int length = std::snprintf(
+        text.data(),
+        text.size(),
+        "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
+        int{date.year()},
+        unsigned{date.month()},
+        unsigned{date.day()},
+        static_cast<int>(time.hours().count()),
+        static_cast<int>(time.minutes().count()),
+        static_cast<int>(time.seconds().count()),
+        static_cast<int>(time.subseconds().count()));
+    return {text.data(), static_cast<std::size_t>(length)};
 }
 
 } // namespace
 
 void LogOpen2(const char* name, int level, int /*flag*/) try {
-    const errno_keeper keeper;
-    auto& log = theLog();
-    const std::lock_guard lock{log.guard};
-    log.path.clear();
-    log.level = level;
+    const undisturbed scope;
+    LogClose();
     const auto safe_name = fileName(name);
     if (const auto folder = logFolder(safe_name); !folder.empty()) {
         makeFolder(folder);
-        log.path = folder / (safe_name + ".log");
+        current = new open_log{folder / (safe_name + ".log"), level, current};
     }
 } catch (...) { // no log, then
 }
@@ -225,10 +255,9 @@ void LogWrite(
     int level,
     const char* format,
     ...) try {
-    const errno_keeper keeper;
-    auto& log = theLog();
-    const std::lock_guard lock{log.guard};
-    if (log.path.empty() || level > log.level || format == nullptr) {
+    const undisturbed scope;
+    const open_log* log = current;
+    if (log == nullptr || log->closed || level > log->level || format == nullptr) {
         return;
     }
     va_list values;
@@ -236,15 +265,14 @@ void LogWrite(
     const auto text = message(format, values);
     va_end(values);
     writeRecord(
-        log.path,
+        log->path,
         now() + " " + std::to_string(::getpid()) + " " + std::to_string(level) + " " +
             orDash(function) + " " + orDash(file) + ":" + std::to_string(line) + " " + text + "\n");
 } catch (...) { // the record is lost, its caller is not
 }
 
-void LogClose(void) try {
-    auto& log = theLog();
-    const std::lock_guard lock{log.guard};
-    log.path.clear();
-} catch (...) { // nothing was open
+void LogClose(void) {
+    if (open_log* log = current) {
+        log->closed = true;
+    }
 }

@@ -29,7 +29,7 @@ using zip_data = std::unique_ptr<zip_source_t, released_with<zip_source_free>>;
 
 // As fopen with mode "rb", but opening a pipe that nobody writes to does not wait.
 stdio_file openForReading(const char* path) {
-    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor < 0) {
         return nullptr;
     }
