@@ -54,7 +54,7 @@ int fsutils_cp(const char* src, const char* dst);
 // Returns 0, or -1 for a file that cannot be opened or read, has not exactly the frame's size
 // (width * height * 3 / 2), a region that leaves the frame, or a frame of 2 GiB or more.
 // `*size` becomes w * h * 3 / 2 (rounded down), for a refusal or a failed read as well, unless the
-// file cannot be opened. Logs nothing.
+// file cannot be opened and examined. Logs nothing.
 int fsutils_load_i420(
     std::uint8_t* buffer,
     std::size_t* size,
@@ -66,9 +66,9 @@ int fsutils_load_i420(
     std::uint16_t w,
     std::uint16_t h);
 
-// The same for a file of one byte per pixel, row after row: `buffer` gets w * h bytes, and so does
-// `*size`. `frameHeight` is not used: the file may hold any number of rows, as long as it holds
-// those of the region.
+// The same for a file of one byte per pixel, row after row: `buffer` gets w * h bytes, and `*size`
+// that number. `frameHeight` is not used: the file may hold any number of rows, as long as it holds
+// those of the region, and what has to stay below 2 GiB is the frame up to the region's last row.
 int fsutils_load_mono8(
     std::uint8_t* buffer,
     std::size_t* size,

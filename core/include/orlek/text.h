@@ -54,17 +54,17 @@ std::string TextToLower(const std::string& text);
 // Returns all strings of `parts`, empty ones too, with one `sep` between each two.
 std::string TextJoin(char sep, const std::vector<std::string>& parts);
 
-// Returns the UTF-8 form (RFC 3629) of a NUL-terminated wide text, up to the first character that
-// has none, such as a lone surrogate. Reports no failure: where the system has no such converter
-// the result is empty.
+// Returns the UTF-8 form of a NUL-terminated wide text, up to the first character for which the
+// system's iconv has none, such as a lone surrogate. Reports no failure: where the system has no
+// such converter the result is empty.
 std::string TextEncodeUtf8(const wchar_t* text);
 
 // Writes the `inLen` bytes of UTF-8 at `in` (0: as many as stand before its NUL) to `out` as wide
 // characters with a closing NUL, and returns 1. `outSize` is the size of `out` in bytes, a multiple
 // of sizeof(wchar_t) and not 0, so N wide characters have room for a text of N - 1. `in` is only
 // read. Throws Orlek::internal_error, with the cause in the log, if the system has no such
-// converter, the input is no valid UTF-8 or does not fit; `out` then holds what was converted so
-// far, without a NUL.
+// converter, or the input is not what it takes for UTF-8 or does not fit; `out` then holds what was
+// converted so far, without a NUL.
 int TextDecodeUtf8(wchar_t* out, unsigned long outSize, char* in, unsigned long inLen);
 
 // Returns `text` with the twelve Cyrillic capitals that look like Latin ones (А В С Е Н І К М О Р Т
