@@ -249,12 +249,16 @@ DWORD EUCtxSignFile(
 
 /* Verifies a detached CMS signature (RFC 5652, DER) of data in memory, of any length, against the
  * signer's certificate (DER, or PEM as RFC 7468 writes it).
- * Accepted is a signature of one signer, named by that certificate, with a SHA-2 digest, an EC
- * (P-256, P-384, P-521) or RSA key, a signing time (if any) inside the certificate's validity, and
- * a key usage (if any) that allows signing. A signing-certificate attribute must name the given
- * certificate. Whatever in the signature cannot be checked makes it fail: unsigned attributes,
- * revocation lists, foreign certificates; a certificate in the signature is never trusted, it must
- * be the given one or be signed by another one there.
+ * Accepted is a signature of one signer, named by that certificate, with SHA-256, SHA-384 or
+ * SHA-512, by an EC key (P-256, P-384, P-521) or an RSA key (rsaEncryption, or RSASSA-PSS with the
+ * same digest throughout), with a signing time (if any) inside the certificate's validity, and a
+ * key usage (if any) that allows signing. Whatever in the signature cannot be checked makes it
+ * fail: unsigned attributes, revocation lists, foreign certificates. A certificate in the
+ * signature is never trusted: it must be the given one, or stand on the path from there up to one
+ * that signed itself.
+ * A signing-certificate attribute (CAdES), or the signer's certificate in the signature, ties the
+ * signature to the given certificate to the last byte. A signature with neither names no more than
+ * its issuer and serial number (or key identifier) and is tied to those and to the key.
  * A certificate's own issuer is not asked: whether to trust the certificate is the caller's choice.
  * pvHash, dwHashLength, dwSignIndex, pvParams, dwParamsLength, pvSettings: optional inputs, which
  * this implementation does not serve; null or 0, else EU_ERROR_NOT_SUPPORTED.
@@ -322,7 +326,8 @@ DWORD EUGeneratePrivateKeyEx(
 
 /* Destroys, with the password, the signing key of a medium, the pair generated beside it and the
  * certificates of both. Other objects on the medium stay.
- * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED.
+ * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; the PKCS#11 codes for what the
+ * token refuses to destroy.
  */
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia);
 

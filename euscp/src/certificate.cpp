@@ -21,31 +21,37 @@ std::string textIn(BIO* memory) {
     return {start, static_cast<std::size_t>(size)};
 }
 
+// A SEQUENCE of more than 127 bytes, which every certificate is. No text begins so.
 bool looksLikeDer(view encoding) {
-    return !encoding.empty() && encoding.front() == 0x30;
+    return encoding.size() > 1 && encoding[0] == 0x30 && encoding[1] >= 0x80;
+}
+
+int noPassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
+    return -1;
 }
 
 x509_ptr parsePem(view encoding) {
     auto certificate = taken<x509_ptr>(
-        PEM_read_bio_X509(reading(encoding).get(), nullptr, nullptr, nullptr),
+        PEM_read_bio_X509(reading(encoding).get(), nullptr, noPassPhrase, nullptr),
         EU_ERROR_CERT_FORMAT);
     auto written = taken<bio_ptr>(BIO_new(BIO_s_mem()));
     succeed(PEM_write_bio_X509(written.get(), certificate.get()));
 
     std::string lines(encoding.begin(), encoding.end());
+    lines += '\n'; // the last line may end without one
     std::erase(lines, '\r');
     require(lines.find(textIn(written.get())) != std::string::npos, EU_ERROR_CERT_FORMAT);
     return certificate;
 }
 
 // Whether to prefer the first certificate to the second.
-bool better(const X509* one, const X509* other) {
+bool better(const x509_ptr& one, const x509_ptr& other) {
     const std::time_t now = std::time(nullptr);
-    const bool oneValid = validAt(one, now);
-    if (oneValid != validAt(other, now)) {
+    const bool oneValid = validAt(one.get(), now);
+    if (oneValid != validAt(other.get(), now)) {
         return oneValid;
     }
-    return ASN1_TIME_compare(X509_get0_notAfter(one), X509_get0_notAfter(other)) > 0;
+    return ASN1_TIME_compare(X509_get0_notAfter(one.get()), X509_get0_notAfter(other.get())) > 0;
 }
 
 } // namespace
@@ -62,17 +68,33 @@ x509_ptr certificateIn(const session& on, CK_OBJECT_HANDLE object) {
     return x509_ptr(value ? d2i_X509(nullptr, &end, static_cast<long>(value->size())) : nullptr);
 }
 
-x509_ptr ownCertificate(const session& on, const EVP_PKEY* publicKey) {
-    x509_ptr best;
+std::vector<x509_ptr> certificatesOn(const session& on) {
+    std::vector<x509_ptr> certificates;
     for (const CK_OBJECT_HANDLE object : on.find(CKO_CERTIFICATE)) {
-        auto certificate = certificateIn(on, object);
-        if (certificate && EVP_PKEY_eq(X509_get0_pubkey(certificate.get()), publicKey) == 1 &&
-            (!best || better(certificate.get(), best.get()))) {
-            best = std::move(certificate);
+        if (auto certificate = certificateIn(on, object)) {
+            certificates.push_back(std::move(certificate));
         }
     }
-    require(best != nullptr, EU_ERROR_CERT_NOT_FOUND);
-    return best;
+    return certificates;
+}
+
+bool holdsKey(const x509_ptr& certificate, const EVP_PKEY* publicKey) {
+    return EVP_PKEY_eq(X509_get0_pubkey(certificate.get()), publicKey) == 1;
+}
+
+bool holdsKey(const std::vector<x509_ptr>& certificates, const EVP_PKEY* publicKey) {
+    return std::ranges::any_of(certificates, [publicKey](const x509_ptr& each) {
+        return holdsKey(each, publicKey);
+    });
+}
+
+x509_ptr ownCertificate(const session& on, const EVP_PKEY* publicKey) {
+    auto certificates = certificatesOn(on);
+    std::erase_if(certificates, [publicKey](const x509_ptr& each) {
+        return !holdsKey(each, publicKey);
+    });
+    require(!certificates.empty(), EU_ERROR_CERT_NOT_FOUND);
+    return std::move(*std::ranges::min_element(certificates, better));
 }
 
 bool isAuthority(X509* certificate) {
@@ -128,11 +150,11 @@ std::string nameText(const X509_NAME* name) {
 }
 
 std::string serialText(const X509* certificate) {
-    auto memory = taken<bio_ptr>(BIO_new(BIO_s_mem()));
-    require(
-        i2a_ASN1_INTEGER(memory.get(), X509_get0_serialNumber(certificate)) > 0,
-        EU_ERROR_CRYPTO);
-    return textIn(memory.get());
+    const auto number = taken<owned<BIGNUM, BN_free>>(
+        ASN1_INTEGER_to_BN(X509_get0_serialNumber(certificate), nullptr));
+    const auto digits =
+        taken<owned<char, [](char* text) { OPENSSL_free(text); }>>(BN_bn2hex(number.get()));
+    return digits.get();
 }
 
 } // namespace eu

@@ -36,7 +36,7 @@ public:
 // A name that is taken back unless the file was renamed.
 class temporary_file {
 public:
-    explicit temporary_file(const std::string& beside) : name(beside + ".XXXXXX") {}
+    explicit temporary_file(const std::string& folder) : name(folder + ".signature.XXXXXX") {}
     ~temporary_file() {
         if (made) {
             ::unlink(name.c_str());
@@ -92,7 +92,7 @@ std::string resolved(const char* path) {
 
 std::string folderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
 } // namespace
@@ -125,9 +125,10 @@ bytes fileDigest(const char* path) {
 void checkTarget(const char* target, const char* source) {
     struct stat there {};
     struct stat data {};
-    if (::stat(target, &there) != 0) {
+    if (::lstat(target, &there) != 0) {
         return;
     }
+    require(::stat(target, &there) == 0, EU_ERROR_FILE_WRITE); // not a link to nowhere
     const bool same =
         ::stat(source, &data) == 0 && there.st_dev == data.st_dev && there.st_ino == data.st_ino;
     require(S_ISREG(there.st_mode) && !same, EU_ERROR_FILE_WRITE);
@@ -135,7 +136,7 @@ void checkTarget(const char* target, const char* source) {
 
 void replaceFile(const char* path, view contents) {
     const std::string target = resolved(path);
-    temporary_file temporary(target);
+    temporary_file temporary(folderOf(target));
     descriptor file(temporary.create());
     require(static_cast<bool>(file), EU_ERROR_FILE_WRITE);
     writeAll(file.number, contents);

@@ -31,7 +31,8 @@ algorithm offeredBy(const token& on) {
     constexpr CK_ULONG ec_bits = 256;
     constexpr CK_ULONG rsa_bits = 3072;
     const auto serves = [](const std::optional<CK_MECHANISM_INFO>& info, CK_ULONG bits) {
-        return info && info->ulMinKeySize <= bits && bits <= info->ulMaxKeySize;
+        const bool told = info && info->ulMaxKeySize != 0; // some modules leave the sizes out
+        return info && (!told || (info->ulMinKeySize <= bits && bits <= info->ulMaxKeySize));
     };
     if (serves(mechanism(on, CKM_EC_KEY_PAIR_GEN), ec_bits) &&
         (mechanism(on, CKM_ECDSA) || mechanism(on, CKM_ECDSA_SHA256))) {
@@ -72,7 +73,9 @@ void describePrivate(attributes& list, algorithm kind, purpose use, bool derive)
     list.flag(CKA_TOKEN, true).flag(CKA_PRIVATE, true);
     list.flag(CKA_SENSITIVE, true).flag(CKA_EXTRACTABLE, false).flag(CKA_SIGN, true);
     if (kind == algorithm::p256) {
-        list.flag(CKA_DERIVE, use == purpose::kep && derive);
+        if (use == purpose::kep && derive) {
+            list.flag(CKA_DERIVE, true); // some modules know it for no other key
+        }
     } else {
         list.flag(CKA_DECRYPT, use == purpose::kep).flag(CKA_UNWRAP, use == purpose::kep);
     }
@@ -82,16 +85,70 @@ std::string_view asText(const bytes& value) {
     return {reinterpret_cast<const char*>(value.data()), value.size()};
 }
 
-// Objects that a generation made, told by the label and the shape of the identifier.
-std::vector<CK_OBJECT_HANDLE> generated(const session& on, CK_OBJECT_CLASS objectClass) {
-    auto objects = on.find(objectClass);
-    std::erase_if(objects, [&on](CK_OBJECT_HANDLE object) {
-        const bytes label = on.value(object, CKA_LABEL).value_or(bytes{});
-        const bytes id = on.value(object, CKA_ID).value_or(bytes{});
-        return id.size() != id_size ||
-               (asText(label) != labelOf(purpose::ds) && asText(label) != labelOf(purpose::kep));
-    });
+// A key object that a generation made, told by its label and the shape of its identifier.
+struct generated_object {
+    CK_OBJECT_HANDLE handle;
+    CK_OBJECT_CLASS kind;
+    bytes generation;        // the random part of the identifier
+    bool shows;              // the public key that tells of the whole generation
+    bool unfinished = false; // the generation was cut short: what tells of it does not count yet
+};
+
+// Those on the token, private keys first and those that show last: should a removal be cut short,
+// what is left can still be told, and removed.
+std::vector<generated_object> generatedObjects(const session& on) {
+    std::vector<generated_object> objects;
+    std::vector<bytes> unfinished;
+    for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
+        for (const CK_OBJECT_HANDLE handle : on.find(kind)) {
+            bytes id = on.value(handle, CKA_ID).value_or(bytes{});
+            const bytes label = on.value(handle, CKA_LABEL).value_or(bytes{});
+            const bool ds = asText(label) == labelOf(purpose::ds);
+            if (id.size() != id_size || (!ds && asText(label) != labelOf(purpose::kep))) {
+                continue;
+            }
+            id.pop_back();
+            const bool shows = ds && kind == CKO_PUBLIC_KEY;
+            if (shows && !on.flag(handle, CKA_VERIFY)) {
+                unfinished.push_back(id);
+            }
+            objects.push_back({handle, kind, std::move(id), shows});
+        }
+    }
+    for (generated_object& each : objects) {
+        each.unfinished = std::ranges::find(unfinished, each.generation) != unfinished.end();
+    }
+    std::ranges::stable_partition(objects, [](const auto& each) { return !each.shows; });
     return objects;
+}
+
+// Clears the leftovers of generations that were cut short. Any other private key that one made
+// still is somebody's, even where its public key has gone: a key is never silently replaced.
+void clearLeftovers(const session& on) {
+    const auto objects = generatedObjects(on);
+    require(
+        std::ranges::none_of(
+            objects,
+            [](const auto& each) { return each.kind == CKO_PRIVATE_KEY && !each.unfinished; }),
+        EU_ERROR_KEY_EXISTS);
+    for (const generated_object& each : objects) {
+        if (each.unfinished) {
+            on.destroy(each.handle);
+        }
+    }
+}
+
+// Results by which a token refuses a change that it might still make in another way.
+bool isRefusal(CK_RV result) {
+    constexpr std::array<CK_RV, 7> refusals{
+        CKR_ATTRIBUTE_READ_ONLY,
+        CKR_ACTION_PROHIBITED,
+        CKR_FUNCTION_NOT_SUPPORTED,
+        CKR_ATTRIBUTE_TYPE_INVALID,
+        CKR_ATTRIBUTE_VALUE_INVALID,
+        CKR_TEMPLATE_INCONSISTENT,
+        CKR_TEMPLATE_INCOMPLETE};
+    return std::ranges::find(refusals, result) != refusals.end();
 }
 
 // The two pairs in the making: removed again unless the work is kept.
@@ -103,7 +160,7 @@ public:
     }
 
     ~generation() {
-        for (const CK_OBJECT_HANDLE object : made) { // public keys first: they tell of a key
+        for (const CK_OBJECT_HANDLE object : made) {
             on.call().C_DestroyObject(on.handle(), object);
         }
     }
@@ -136,8 +193,7 @@ public:
             privatePart.size(),
             &pair.publicKey,
             &pair.privateKey));
-        made.insert(made.begin(), pair.publicKey);
-        made.push_back(pair.privateKey);
+        made.insert(made.begin(), {pair.privateKey, pair.publicKey}); // the first pair goes last
         require(!on.flag(pair.privateKey, CKA_EXTRACTABLE), EU_ERROR_KEY_MEDIAS_EXTRACTABLE);
         return pair;
     }
@@ -156,18 +212,21 @@ public:
     // The last change: from here on the pair counts as the token's signing key. A token that does
     // not let an object be changed may still copy it with the change.
     void publish(CK_OBJECT_HANDLE publicKey) {
-        if (!on.flag(publicKey, CKA_VERIFY)) {
-            attributes verifies;
-            verifies.flag(CKA_VERIFY, true);
+        attributes verifies;
+        verifies.flag(CKA_VERIFY, true);
+        const CK_RV changed =
+            on.flag(publicKey, CKA_VERIFY)
+                ? CKR_OK
+                : on.call().C_SetAttributeValue(on.handle(), publicKey, verifies.data(), 1);
+        if (isRefusal(changed)) {
             CK_OBJECT_HANDLE copy = CK_INVALID_HANDLE;
-            if (on.call().C_SetAttributeValue(on.handle(), publicKey, verifies.data(), 1) !=
-                CKR_OK) {
-                require(
-                    on.call().C_CopyObject(on.handle(), publicKey, verifies.data(), 1, &copy) ==
-                        CKR_OK,
-                    EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED);
-                on.call().C_DestroyObject(on.handle(), publicKey);
-            }
+            const CK_RV copied =
+                on.call().C_CopyObject(on.handle(), publicKey, verifies.data(), 1, &copy);
+            require(!isRefusal(copied), EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED);
+            check(copied);
+            on.call().C_DestroyObject(on.handle(), publicKey);
+        } else {
+            check(changed);
         }
         made.clear();
     }
@@ -186,39 +245,57 @@ bool isAnyOf(const EVP_PKEY* key, const std::vector<pkey_ptr>& keys) {
     });
 }
 
-// What belongs to the token's signing key and to anything generated. Private keys come first and
-// the object that shows the key last: should the removal be cut short, the key is still seen and
-// can be destroyed again.
-std::vector<CK_OBJECT_HANDLE> belongings(const session& on, const public_part& key) {
+// The certificates on the token that hold one of the keys.
+std::vector<CK_OBJECT_HANDLE>
+certificatesOf(const session& on, const std::vector<pkey_ptr>& publicKeys) {
     std::vector<CK_OBJECT_HANDLE> objects;
-    std::vector<CK_OBJECT_HANDLE> publicObjects;
-    std::vector<pkey_ptr> publicKeys;
-    const auto collect = [&](CK_OBJECT_CLASS objectClass, std::vector<CK_OBJECT_HANDLE>& into) {
-        into = on.find(attributes()
-                           .number(CKA_CLASS, objectClass)
-                           .flag(CKA_TOKEN, true)
-                           .add(CKA_ID, view(key.id)));
-        for (const CK_OBJECT_HANDLE object : generated(on, objectClass)) {
-            if (std::ranges::find(into, object) == into.end()) {
-                into.push_back(object);
-            }
-        }
-    };
-    collect(CKO_PRIVATE_KEY, objects);
-    collect(CKO_PUBLIC_KEY, publicObjects);
-    publicKeys.push_back(publicKeyOf(on, key.object));
-    for (const CK_OBJECT_HANDLE object : publicObjects) {
-        publicKeys.push_back(publicKeyOf(on, object));
-    }
     for (const CK_OBJECT_HANDLE object : on.find(CKO_CERTIFICATE)) {
         const auto certificate = certificateIn(on, object);
         if (certificate && isAnyOf(X509_get0_pubkey(certificate.get()), publicKeys)) {
             objects.push_back(object);
         }
     }
-    objects.insert(objects.end(), publicObjects.begin(), publicObjects.end());
-    std::erase(objects, key.object);
-    objects.push_back(key.object);
+    return objects;
+}
+
+// What goes with the token's signing key: its objects, the generation it is of, unfinished ones,
+// and the certificates of all these; without a signing key everything that was ever generated.
+// Private keys come first and what shows the key last: should the removal be cut short, the rest
+// can be told and destroyed again.
+std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_key> key) {
+    auto pairs = generatedObjects(on);
+    if (key) {
+        bytes generation = key->shown.id;
+        generation.resize(id_size - 1);
+        std::erase_if(pairs, [&generation](const generated_object& each) {
+            return each.generation != generation && !each.unfinished;
+        });
+    }
+
+    std::vector<CK_OBJECT_HANDLE> objects;
+    std::vector<CK_OBJECT_HANDLE> last;
+    std::vector<pkey_ptr> publicKeys;
+    for (const generated_object& each : pairs) {
+        (each.kind == CKO_PRIVATE_KEY ? objects : last).push_back(each.handle);
+        if (each.kind == CKO_PUBLIC_KEY) {
+            publicKeys.push_back(publicKeyOf(on, each.handle));
+        }
+    }
+    if (key) {
+        for (auto* list : {&objects, &last}) {
+            std::erase(*list, key->privateKey);
+            std::erase(*list, key->shown.object);
+        }
+        objects.insert(objects.begin(), key->privateKey);
+        last.push_back(key->shown.object);
+        publicKeys.push_back(std::move(key->publicKey));
+    }
+    for (const CK_OBJECT_HANDLE certificate : certificatesOf(on, publicKeys)) {
+        if (std::ranges::find(last, certificate) == last.end()) {
+            objects.push_back(certificate);
+        }
+    }
+    objects.insert(objects.end(), last.begin(), last.end());
     return objects;
 }
 
@@ -229,11 +306,7 @@ key_requests generateKeys(const token& on, std::string_view password) {
     session with(on, session::mode::read_write);
     with.login(password);
     require(signingKeys(with).empty(), EU_ERROR_KEY_EXISTS);
-    for (const CK_OBJECT_CLASS leftover : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
-        for (const CK_OBJECT_HANDLE object : generated(with, leftover)) {
-            with.destroy(object);
-        }
-    }
+    clearLeftovers(with);
 
     generation work(with, password);
     const key_pair ds = work.makePair(purpose::ds);
@@ -248,9 +321,9 @@ key_requests generateKeys(const token& on, std::string_view password) {
 void destroyKeys(const token& on, std::string_view password) {
     session with(on, session::mode::read_write);
     with.login(password);
-    const auto keys = signingKeys(with);
-    require(!keys.empty(), EU_ERROR_KEY_NOT_FOUND);
-    for (const CK_OBJECT_HANDLE object : belongings(with, keys.front())) {
+    const auto objects = belongings(with, signingKey(with));
+    require(!objects.empty(), EU_ERROR_KEY_NOT_FOUND);
+    for (const CK_OBJECT_HANDLE object : objects) {
         with.destroy(object);
     }
 }

@@ -11,6 +11,7 @@
 #include <openssl/ec.h>
 #include <openssl/ess.h>
 #include <openssl/evp.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 

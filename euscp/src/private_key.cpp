@@ -145,6 +145,23 @@ bool endedFromOutside(DWORD code) {
     return std::ranges::any_of(results, [code](CK_RV each) { return codeOf(each) == code; });
 }
 
+std::vector<CK_OBJECT_HANDLE> privateKeys(const session& on, const bytes& id) {
+    return on.find(attributes()
+                       .number(CKA_CLASS, CKO_PRIVATE_KEY)
+                       .flag(CKA_TOKEN, true)
+                       .add(CKA_ID, view(id)));
+}
+
+// The public key of an object; null for a kind that is not served.
+pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
+    try {
+        return publicKeyOf(on, object);
+    } catch (const failure& e) {
+        require(e.code == EU_ERROR_KEY_NOT_SUPPORTED, e.code);
+        return nullptr;
+    }
+}
+
 } // namespace
 
 secret::secret(std::string_view text) : length(text.size()) {
@@ -174,6 +191,30 @@ std::vector<public_part> signingKeys(const session& on) {
         }
     }
     return keys;
+}
+
+std::optional<whole_key> signingKey(const session& on) {
+    const auto certificates = certificatesOn(on);
+    const auto rank = [&certificates](const whole_key& key) {
+        return std::pair(!holdsKey(certificates, key.publicKey.get()), key.shown.id);
+    };
+    std::optional<whole_key> best;
+    bool othersOnly = false;
+    for (const public_part& shown : signingKeys(on)) {
+        const auto behind = privateKeys(on, shown.id);
+        if (behind.size() != 1) {
+            continue;
+        }
+        whole_key key{shown, behind.front(), servedKeyOf(on, shown.object)};
+        if (!key.publicKey) {
+            othersOnly = !best;
+        } else if (!best || rank(key) < rank(*best)) {
+            best = std::move(key);
+            othersOnly = false;
+        }
+    }
+    require(!othersOnly, EU_ERROR_KEY_NOT_SUPPORTED);
+    return best;
 }
 
 pkey_ptr publicKeyOf(const session& on, CK_OBJECT_HANDLE object) {
@@ -227,55 +268,48 @@ private_key::private_key(token medium, std::string_view pin)
 
 void private_key::open() {
     active.reset(); // before the new login: closing a token's last session ends the login
-    auto opened = std::make_unique<session>(on, session::mode::read_only);
-    opened->login(password.text());
-    for (const public_part& key : signingKeys(*opened)) {
-        const auto found = opened->find(attributes()
-                                            .number(CKA_CLASS, CKO_PRIVATE_KEY)
-                                            .flag(CKA_TOKEN, true)
-                                            .add(CKA_ID, view(key.id)));
-        if (found.empty()) {
-            continue;
-        }
-        auto publicKey = publicKeyOf(*opened, key.object);
-        if (!shown || EVP_PKEY_eq(shown.get(), publicKey.get()) == 1) {
-            shown = std::move(publicKey);
-            object = found.front();
-            active = std::move(opened);
-            return;
-        }
-    }
-    throw failure(EU_ERROR_KEY_NOT_FOUND);
+    auto with = std::make_unique<session>(on, session::mode::read_only);
+    with->login(password.text());
+    auto key = signingKey(*with);
+    require(
+        key && (!opened || EVP_PKEY_eq(opened.get(), key->publicKey.get()) == 1),
+        EU_ERROR_KEY_NOT_FOUND);
+    opened = std::move(key->publicKey);
+    object = key->privateKey;
+    active = std::move(with);
 }
 
-bytes private_key::signOnce(view message) {
-    if (!active) {
-        open();
-    }
+template <class Use>
+auto private_key::attempt(Use use) {
+    const auto once = [&] {
+        if (!active) {
+            open();
+        }
+        try {
+            return use(*active);
+        } catch (...) {
+            active.reset(); // a signature begun and not ended would be in the next one's way
+            throw;
+        }
+    };
     try {
-        return signedBy(*active, object, shown.get(), password, message);
-    } catch (...) {
-        active.reset(); // a signature begun and not ended would be in the next one's way
-        throw;
-    }
-}
-
-bytes private_key::sign(view message) {
-    try {
-        return signOnce(message);
+        return once();
     } catch (const failure& e) {
         if (!endedFromOutside(e.code)) {
             throw;
         }
-        return signOnce(message);
+        return once();
     }
 }
 
+bytes private_key::sign(view message) {
+    return attempt([&](const session& with) {
+        return signedBy(with, object, opened.get(), password, message);
+    });
+}
+
 x509_ptr private_key::certificate() {
-    if (!active) {
-        open();
-    }
-    return ownCertificate(*active, shown.get());
+    return attempt([&](const session& with) { return ownCertificate(with, opened.get()); });
 }
 
 } // namespace eu

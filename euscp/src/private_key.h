@@ -30,8 +30,21 @@ struct public_part {
 };
 
 // The signing keys that the token shows: its public keys that verify, or, where there are none,
-// its certificates that are no authority's and allow signing. The first is the token's key.
+// its certificates that are no authority's and allow signing.
 std::vector<public_part> signingKeys(const session& on);
+
+// A signing key as a login shows it.
+struct whole_key {
+    public_part shown;
+    CK_OBJECT_HANDLE privateKey;
+    pkey_ptr publicKey;
+};
+
+// The token's signing key, seen by a logged-in session: one of signingKeys that is served and has
+// exactly one private key of its identifier; of several one with a certificate of its own, then
+// the first by identifier. Nothing if there is none.
+// Throws EU_ERROR_KEY_NOT_SUPPORTED if there are only keys of other kinds.
+std::optional<whole_key> signingKey(const session& on);
 
 // The public key that a public-key or certificate object holds.
 // Throws EU_ERROR_KEY_NOT_SUPPORTED for a key of another kind than isServed tells.
@@ -55,17 +68,20 @@ public:
 
     bytes sign(view message);
     x509_ptr certificate();
-    EVP_PKEY* publicKey() const { return shown.get(); }
+    EVP_PKEY* publicKey() const { return opened.get(); }
 
 private:
     void open(); // the same key as before, if one was open before
-    bytes signOnce(view message);
+
+    // Uses the open session, or a new one where another login or the token's removal ended it.
+    template <class Use>
+    auto attempt(Use use);
 
     token on;
     secret password;
     std::unique_ptr<session> active; // null after a failure: the next use opens anew
     CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
-    pkey_ptr shown;
+    pkey_ptr opened;
 };
 
 } // namespace eu

@@ -7,7 +7,8 @@ namespace {
 using request_ptr = owned<X509_REQ, X509_REQ_free>;
 using algorithm_ptr = owned<X509_ALGOR, X509_ALGOR_free>;
 
-// A text that the attribute's own string type cannot hold is kept as UTF-8.
+// A text that is no UTF-8 counts as Latin-1; one that the attribute's own string type cannot hold
+// is kept as it is.
 void addName(X509_NAME* name, int attribute, const std::string& text) {
     const auto add = [&](int type) {
         return X509_NAME_add_entry_by_NID(
@@ -19,7 +20,7 @@ void addName(X509_NAME* name, int attribute, const std::string& text) {
             -1,
             0);
     };
-    if (!text.empty() && add(MBSTRING_UTF8) != 1) {
+    if (!text.empty() && add(MBSTRING_UTF8) != 1 && add(MBSTRING_ASC) != 1) {
         succeed(add(V_ASN1_UTF8STRING));
     }
 }

@@ -109,6 +109,37 @@ void checkOutline(view message, CMS_SignerInfo* signer, int certificateCount) {
     require(version(fields) == expected && version(signerFields) == expected, EU_ERROR_SIGN_FORMAT);
 }
 
+bool isPlainDigest(const X509_ALGOR* algorithm, int digestId) {
+    return algorithm != nullptr && OBJ_obj2nid(algorithm->algorithm) == digestId &&
+           isPlain(algorithm);
+}
+
+// RSASSA-PSS (RFC 8017) with the digest throughout.
+bool isPlainPss(const X509_ALGOR* algorithm, int digestId) {
+    int type = V_ASN1_UNDEF;
+    const void* value = nullptr;
+    X509_ALGOR_get0(nullptr, &type, &value, algorithm);
+    if (type != V_ASN1_SEQUENCE) {
+        return false;
+    }
+    const auto parameters = decodedStrictly<owned<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free>>(
+        content(static_cast<const ASN1_STRING*>(value)),
+        d2i_RSA_PSS_PARAMS,
+        i2d_RSA_PSS_PARAMS,
+        EU_ERROR_SIGN_ALGORITHM);
+    const X509_ALGOR* mask = parameters->maskGenAlgorithm;
+    if (mask == nullptr || OBJ_obj2nid(mask->algorithm) != NID_mgf1 || mask->parameter == nullptr ||
+        mask->parameter->type != V_ASN1_SEQUENCE) {
+        return false;
+    }
+    const auto maskDigest = decoded<owned<X509_ALGOR, X509_ALGOR_free>>(
+        content(mask->parameter->value.sequence),
+        d2i_X509_ALGOR,
+        EU_ERROR_SIGN_ALGORITHM);
+    return isPlainDigest(parameters->hashAlgorithm, digestId) &&
+           isPlainDigest(maskDigest.get(), digestId);
+}
+
 void checkAlgorithms(CMS_SignerInfo* signer, const EVP_PKEY* key) {
     X509_ALGOR* digest = nullptr;
     X509_ALGOR* signature = nullptr;
@@ -119,45 +150,64 @@ void checkAlgorithms(CMS_SignerInfo* signer, const EVP_PKEY* key) {
         isPlain(digest) && std::ranges::find(accepted, digestId) != accepted.end(),
         EU_ERROR_SIGN_ALGORITHM);
 
-    const int signatureId = OBJ_obj2nid(signature->algorithm);
-    const bool rsa = EVP_PKEY_is_a(key, "RSA") == 1;
-    if (rsa && signatureId == NID_rsassaPss) {
-        return; // its parameters are part of what is verified
+    // Of two names for one algorithm only one is taken: a change of name would go unnoticed.
+    if (EVP_PKEY_is_a(key, "RSA") == 1) {
+        const bool pss = OBJ_obj2nid(signature->algorithm) == NID_rsassaPss;
+        require(
+            pss || OBJ_obj2nid(signature->algorithm) == NID_rsaEncryption,
+            EU_ERROR_SIGN_ALGORITHM);
+        require(
+            pss ? isPlainPss(signature, digestId) : isPlain(signature),
+            EU_ERROR_SIGN_ALGORITHM);
+        return;
     }
     int impliedDigest = NID_undef;
     int impliedKey = NID_undef;
-    const bool known = (rsa && signatureId == NID_rsaEncryption) ||
-                       (OBJ_find_sigid_algs(signatureId, &impliedDigest, &impliedKey) == 1 &&
-                        impliedDigest == digestId &&
-                        impliedKey == (rsa ? NID_rsaEncryption : NID_X9_62_id_ecPublicKey));
-    require(known && isPlain(signature), EU_ERROR_SIGN_ALGORITHM);
+    require(
+        OBJ_find_sigid_algs(OBJ_obj2nid(signature->algorithm), &impliedDigest, &impliedKey) == 1 &&
+            impliedDigest == digestId && impliedKey == NID_X9_62_id_ecPublicKey &&
+            isPlain(signature),
+        EU_ERROR_SIGN_ALGORITHM);
 }
 
 void releaseCertificates(STACK_OF(X509) * list) {
     sk_X509_pop_free(list, X509_free);
 }
 
-using certificate_list = owned<STACK_OF(X509), releaseCertificates>;
-
-bool isSignedByOneOf(X509* certificate, const certificate_list& issuers) {
-    for (int i = 0; i < sk_X509_num(issuers.get()); ++i) {
-        X509* issuer = sk_X509_value(issuers.get(), i);
-        if (X509_NAME_cmp(X509_get_issuer_name(certificate), X509_get_subject_name(issuer)) == 0 &&
-            X509_verify(certificate, X509_get0_pubkey(issuer)) == 1) {
-            return true;
-        }
-    }
-    return false;
+void releaseList(STACK_OF(X509) * list) {
+    sk_X509_free(list);
 }
 
-// Certificates in the signature are never trusted, but they must not be what they are not.
-void checkCertificates(const certificate_list& inside, const X509* signer) {
+using certificate_list = owned<STACK_OF(X509), releaseCertificates>;
+using borrowed_list = owned<STACK_OF(X509), releaseList>; // of certificates that others own
+
+bool isIssuedBy(X509* certificate, X509* issuer) {
+    return X509_NAME_cmp(X509_get_issuer_name(certificate), X509_get_subject_name(issuer)) == 0 &&
+           X509_verify(certificate, X509_get0_pubkey(issuer)) == 1;
+}
+
+// Certificates in the signature are never trusted, but they must not be what they are not: each is
+// the signer's own, or one on the path up from it, which ends in one that signed itself.
+void checkCertificates(const certificate_list& inside, X509* signer) {
+    constexpr int longest_path = 8;
+    std::vector<X509*> left;
     for (int i = 0; i < sk_X509_num(inside.get()); ++i) {
         X509* certificate = sk_X509_value(inside.get(), i);
-        require(
-            X509_cmp(certificate, signer) == 0 || isSignedByOneOf(certificate, inside),
-            EU_ERROR_SIGN_UNCHECKED);
+        if (X509_cmp(certificate, signer) != 0) {
+            left.push_back(certificate);
+        }
     }
+    require(left.size() <= longest_path, EU_ERROR_SIGN_UNCHECKED);
+    X509* top = signer;
+    const bool alone = left.empty();
+    while (!left.empty()) {
+        const auto issuer =
+            std::ranges::find_if(left, [top](X509* each) { return isIssuedBy(top, each); });
+        require(issuer != left.end(), EU_ERROR_SIGN_UNCHECKED);
+        top = *issuer;
+        left.erase(issuer);
+    }
+    require(alone || isIssuedBy(top, top), EU_ERROR_SIGN_UNCHECKED);
 }
 
 // The value of a signed attribute that may stand only once, with one value; null if it is absent.
@@ -171,8 +221,12 @@ const void* attributeValue(CMS_SignerInfo* signer, int attribute, int type) {
     return value;
 }
 
-// A signing-certificate attribute (RFC 5035) must name the signer's certificate by its hash.
-void checkSigningCertificate(CMS_SignerInfo* signer, X509* certificate) {
+// A signing-certificate attribute (RFC 5035) must name the signer's certificate by its hash; others
+// that it names as well must be inside.
+void checkSigningCertificate(
+    CMS_SignerInfo* signer,
+    X509* certificate,
+    const certificate_list& inside) {
     const auto attribute = [signer](int type) {
         return static_cast<const ASN1_STRING*>(attributeValue(signer, type, V_ASN1_SEQUENCE));
     };
@@ -188,10 +242,11 @@ void checkSigningCertificate(CMS_SignerInfo* signer, X509* certificate) {
             d2i_ESS_SIGNING_CERT_V2,
             EU_ERROR_SIGN_FORMAT);
     }
-    const auto chain =
-        taken<owned<STACK_OF(X509), [](STACK_OF(X509) * list) { sk_X509_free(list); }>>(
-            sk_X509_new_null());
+    const auto chain = taken<borrowed_list>(sk_X509_new_null());
     succeed(sk_X509_push(chain.get(), certificate));
+    for (int i = 0; i < sk_X509_num(inside.get()); ++i) {
+        succeed(sk_X509_push(chain.get(), sk_X509_value(inside.get(), i)));
+    }
     require(
         OSSL_ESS_check_signing_certs(first.get(), second.get(), chain.get(), 0) == 1,
         EU_ERROR_SIGN_SIGNER);
@@ -216,8 +271,7 @@ const ASN1_TIME* checkSigningTime(CMS_SignerInfo* signer, const X509* certificat
 
 // Hashing and comparing is OpenSSL's, against the given certificate and no other.
 void verifyContent(CMS_ContentInfo* message, X509* signer, view data) {
-    const auto given = taken<certificate_list>(sk_X509_new_null());
-    succeed(X509_up_ref(signer));
+    const auto given = taken<borrowed_list>(sk_X509_new_null());
     succeed(sk_X509_push(given.get(), signer));
     // A stream over memory, since a memory BIO ends at 2 GiB. fmemopen reads and never writes.
     const owned<std::FILE, [](std::FILE* file) { static_cast<void>(std::fclose(file)); }> stream(
@@ -249,8 +303,28 @@ CMS_SignerInfo* onlySigner(CMS_ContentInfo* message) {
     return sk_CMS_SignerInfo_value(signers, 0);
 }
 
-void checkContentType(CMS_SignerInfo* signer) {
-    if (CMS_signed_get_attr_count(signer) > 0) { // absent as a whole or with a content type
+bool looksLikeAttributes(view data) {
+    constexpr unsigned char set_tag = V_ASN1_SET | V_ASN1_CONSTRUCTED;
+    if (data.empty() || data.front() != set_tag) {
+        return false;
+    }
+    const unsigned char* end = data.data();
+    ASN1_VALUE* parsed = ASN1_item_d2i(
+        nullptr,
+        &end,
+        static_cast<long>(data.size()),
+        ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
+    ASN1_item_free(parsed, ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
+    return parsed != nullptr;
+}
+
+// Signed attributes are absent as a whole, or one of them is the content type. Where they are
+// absent, the data must not be attributes itself: the signature could be one of those (RFC 5652,
+// 5.4 tells the two apart by nothing but their form).
+void checkContentType(CMS_SignerInfo* signer, view data) {
+    if (CMS_signed_get_attr_count(signer) <= 0) {
+        require(!looksLikeAttributes(data), EU_ERROR_SIGN_FORMAT);
+    } else {
         const auto* type = static_cast<const ASN1_OBJECT*>(
             attributeValue(signer, NID_pkcs9_contentType, V_ASN1_OBJECT));
         require(type != nullptr && OBJ_obj2nid(type) == NID_pkcs7_data, EU_ERROR_SIGN_FORMAT);
@@ -312,8 +386,8 @@ verified verify(view data, view signature, view certificate) {
     const certificate_list inside(CMS_get1_certs(message.get()));
     checkCertificates(inside, signerCertificate.get());
     checkOutline(signature, signer, inside ? sk_X509_num(inside.get()) : 0);
-    checkContentType(signer);
-    checkSigningCertificate(signer, signerCertificate.get());
+    checkContentType(signer, data);
+    checkSigningCertificate(signer, signerCertificate.get(), inside);
     const ASN1_TIME* time = checkSigningTime(signer, signerCertificate.get());
     verifyContent(message.get(), signerCertificate.get(), data);
     return {std::move(signerCertificate), time, std::move(message)};

@@ -103,7 +103,7 @@ void session::login(std::string_view password) {
     const CK_TOKEN_INFO info = present(on);
     require(
         password.size() >= info.ulMinPinLen &&
-            (info.ulMaxPinLen < info.ulMinPinLen || password.size() <= info.ulMaxPinLen),
+            (info.ulMaxPinLen == 0 || password.size() <= info.ulMaxPinLen), // 0: not told
         EU_ERROR_PASSWORD_LENGTH);
 
     call().C_Logout(opened); // fails where nobody is logged in, which is as good

@@ -150,15 +150,19 @@ TEST(Verification, NoticesEveryChangedByte) {
     const bytes pem(start, start + size);
     BIO_free(written);
 
-    const std::vector<std::pair<unsigned, bytes>> kinds{
-        {CMS_CADES | CMS_NOCERTS, made::der(by.certificate)},
-        {CMS_CADES | CMS_USE_KEYID, made::der(by.certificate)}, {0, pem}};
-    for (const auto& [flags, certificate] : kinds) {
-        std::array<bytes, 3> parts{data, sign(by, {.flags = flags}), certificate};
+    const signer rsa(EVP_RSA_gen(2048));
+    const bytes der = made::der(by.certificate);
+    const bytes rsaDer = made::der(rsa.certificate);
+    const std::vector<std::array<bytes, 3>> kinds{
+        {data, sign(by, {.flags = CMS_CADES | CMS_NOCERTS}), der},
+        {data, sign(by, {.flags = CMS_CADES | CMS_USE_KEYID}), der}, {data, sign(by), pem},
+        {data, sign(rsa, {.flags = CMS_CADES | CMS_NOCERTS}), rsaDer},
+        {data, sign(rsa, {.flags = CMS_CADES | CMS_NOCERTS, .pss = true}), rsaDer}};
+    for (auto parts : kinds) {
         ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
         for (bytes& part : parts) {
             for (unsigned char& byte : part) {
-                for (const int mask : {0x01, 0x20, 0xFF}) {
+                for (const int mask : {0x01, 0x0A, 0x20, 0xFF}) {
                     byte = static_cast<unsigned char>(byte ^ mask);
                     EXPECT_NE(verify(parts[0], parts[1], parts[2]), 0U)
                         << &part - parts.data() << " at " << &byte - part.data() << ' ' << mask;
