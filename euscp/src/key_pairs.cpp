@@ -118,7 +118,9 @@ std::vector<generated_object> generatedObjects(const session& on) {
     for (generated_object& each : objects) {
         each.unfinished = std::ranges::find(unfinished, each.generation) != unfinished.end();
     }
-    std::ranges::stable_partition(objects, [](const auto& each) { return !each.shows; });
+    std::stable_partition(objects.begin(), objects.end(), [](const auto& each) {
+        return !each.shows;
+    });
     return objects;
 }
 
