@@ -162,8 +162,12 @@ public:
     }
 
     ~generation() {
+        // What tells of the generation goes last, and only if all the rest went: whatever stays can
+        // be told for a leftover.
         for (const CK_OBJECT_HANDLE object : made) {
-            on.call().C_DestroyObject(on.handle(), object);
+            if (on.call().C_DestroyObject(on.handle(), object) != CKR_OK) {
+                break;
+            }
         }
     }
 

@@ -35,11 +35,12 @@ public:
     opened_key(const opened_key&) = delete;
     opened_key& operator=(const opened_key&) = delete;
 
-    DWORD sign() const {
+    DWORD sign(BOOL append = 0, made::bytes* made = nullptr) const {
         const BYTE data[] = {'d', 'a', 't', 'a'};
         BYTE* signature = nullptr;
         DWORD length = 0;
-        const DWORD code = EUCtxSignData(key, 1, data, sizeof data, 1, 0, &signature, &length);
+        const DWORD code = EUCtxSignData(key, 1, data, sizeof data, 1, append, &signature, &length);
+        if (made != nullptr) { made->assign(signature, signature + length); }
         EUFreeMemory(signature);
         return code;
     }

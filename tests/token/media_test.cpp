@@ -116,10 +116,15 @@ TEST(Key, LivesFromGenerationToDestruction) {
     EXPECT_TRUE(holdsKey());
     EXPECT_EQ(opened_key(media).sign(), EU_ERROR_CERT_NOT_FOUND);
     EXPECT_EQ(generate(media), EU_ERROR_KEY_EXISTS);
-    certify(made::requested(request).get());
+    const auto certificate = made::der(certify(made::requested(request).get()));
     const made::key stranger(EVP_EC_gen("P-256"));
     certify(stranger.get());
-    EXPECT_EQ(opened_key(media).sign(), EU_ERROR_NONE);
+    for (const BOOL append : {0, 1}) {
+        made::bytes signature;
+        EXPECT_EQ(opened_key(media).sign(append, &signature), EU_ERROR_NONE);
+        EXPECT_EQ(verify({'d', 'a', 't', 'a'}, signature, certificate), EU_ERROR_NONE);
+        EXPECT_EQ(signature.size() > certificate.size() + 200, append != 0);
+    }
     EXPECT_EQ(layer::objectCount(), 6U);
     EXPECT_EQ(EUDestroyPrivateKey(&media), EU_ERROR_NONE);
     EXPECT_EQ(layer::objectCount(), 1U); // the stranger's certificate

@@ -2,10 +2,6 @@
 
 #include "calls.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <openssl/pem.h>
 
@@ -171,52 +167,6 @@ TEST(Verification, NoticesEveryChangedByte) {
             }
         }
     }
-}
-
-// Files: the target is a whole signature, or as it was.
-TEST(Signing, OfFilesReplacesTheTargetOrLeavesIt) {
-    namespace fs = std::filesystem;
-    const made::certificate certificate = makeSigner();
-    const opened_key key(layer::medium());
-    std::string name = (fs::temp_directory_path() / "signing.XXXXXX").string();
-    const fs::path folder = ::mkdtemp(name.data());
-    std::ofstream(folder / "data") << "contract";
-    std::ofstream(folder / "old") << "old";
-    fs::permissions(folder / "old", fs::perms(0600));
-    fs::create_symlink("old", folder / "link");
-    fs::create_hard_link(folder / "data", folder / "same");
-    const struct {
-        const char *from, *to;
-        DWORD result;
-    } rows[] = {{"data", "new", EU_ERROR_NONE}, {"data", "link", EU_ERROR_NONE},
-        {"data", "data", EU_ERROR_FILE_WRITE}, {"data", "same", EU_ERROR_FILE_WRITE},
-        {"data", ".", EU_ERROR_FILE_WRITE}, {"data", "missing/x", EU_ERROR_FILE_WRITE},
-        {"missing", "never", EU_ERROR_FILE_READ}, {".", "never", EU_ERROR_FILE_READ},
-        {"../../../dev/null", "never", EU_ERROR_FILE_READ}};
-    for (const auto& [from, to, result] : rows) {
-        const BOOL append = std::string(to) == "link" ? 1 : 0;
-        EXPECT_EQ(
-            EUCtxSignFile(key.key, 1, (folder / from).c_str(), 1, append, (folder / to).c_str()),
-            result)
-            << from << ' ' << to;
-    }
-    const auto read = [&](const char* file) {
-        std::ifstream stream(folder / file, std::ios::binary);
-        return bytes(std::istreambuf_iterator<char>(stream), {});
-    };
-    for (const auto& [file, appended] : {std::pair{"new", false}, std::pair{"old", true}}) {
-        const bytes signature = read(file);
-        EXPECT_EQ(verify(data, signature, made::der(certificate)), 0U);
-        const bytes encoded = made::der(certificate);
-        const auto at =
-            std::search(signature.begin(), signature.end(), encoded.begin(), encoded.end());
-        EXPECT_EQ(at != signature.end(), appended);
-    }
-    EXPECT_EQ(fs::status(folder / "old").permissions(), fs::perms(0600));
-    EXPECT_TRUE(fs::is_symlink(folder / "link"));
-    EXPECT_EQ(read("data"), data);
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 5);
-    fs::remove_all(folder);
 }
 
 } // namespace
