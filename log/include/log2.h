@@ -2,7 +2,7 @@
  * liblog2: one append-only text file per log name.
  *
  * The file is $LOG2_DIR/<name>.log, or, without that variable,
- * ${XDG_STATE_HOME:-$HOME/.local/state}/<name>/<name>.log (XDG Base Directory Specification; a
+ * ${XDG_STATE_HOME:-$HOME/.local/state}/<name>/<name>.log (the XDG base directories; a
  * relative XDG_STATE_HOME is ignored). It is made with mode 0600, missing folders above it with
  * 0700; what is there already keeps its mode. Many processes may share it: a record is one line,
  * written with one write at the end of the file. Once it holds 8 MiB it is renamed to <name>.log.1,

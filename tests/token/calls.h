@@ -32,8 +32,6 @@ public:
         EUCtxFreePrivateKey(key);
         EUCtxFree(context);
     }
-    opened_key(const opened_key&) = delete;
-    opened_key& operator=(const opened_key&) = delete;
 
     DWORD sign(BOOL append = 0, made::bytes* made = nullptr) const {
         const BYTE data[] = {'d', 'a', 't', 'a'};

@@ -14,9 +14,8 @@ int main(int argc, char** argv) {
         return generateAndDie(std::atoi(argv[2]));
     }
     // SoftHSM syncs every object it writes; in memory that costs nothing.
-    const std::filesystem::path memory = "/dev/shm";
-    const bool writable = ::access(memory.c_str(), W_OK) == 0;
-    const auto parent = writable ? memory : std::filesystem::temp_directory_path();
+    const auto parent = ::access("/dev/shm", W_OK) == 0 ? std::filesystem::path("/dev/shm")
+                                                        : std::filesystem::temp_directory_path();
     std::string folder = (parent / "euscp.XXXXXX").string();
     layer::makeToken(::mkdtemp(folder.data()));
     ::testing::InitGoogleTest(&argc, argv);

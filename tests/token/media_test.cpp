@@ -218,7 +218,6 @@ TEST(Fault, AKilledGenerationDoesNotCount) {
 int generateAndDie(int call) {
     std::array<char, EU_DESCRIPTION_SIZE> description{};
     EUEnumKeyMediaDevices(0, 0, description.data());
-    layer::reset();
-    layer::now.dieAt = call;
+    layer::now.dieAt = layer::calls + call;
     return generate(medium()) == EU_ERROR_NONE ? 0 : 2;
 }

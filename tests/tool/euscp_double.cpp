@@ -242,10 +242,10 @@ void EUFreeSignInfo(EU_SIGN_INFO* info) {
 
 DWORD EUGeneratePrivateKeyEx(
     const EU_KEY_MEDIA* media, BOOL set_password, DWORD keys, DWORD ds_spec, DWORD kep_spec,
-    const char* path, DWORD type, DWORD spec, const void* p9, BYTE** p10, DWORD* p11, BYTE** p12,
+    const char* path, DWORD type, DWORD strength, const void* p9, BYTE** p10, DWORD* p11, BYTE** p12,
     DWORD* p13, const void* p14, const void* p15, BYTE** ds, DWORD* ds_size, char* ds_name,
     BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
-    return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type, spec, p9,
+    return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type, strength, p9,
                        p10, p11, p12, p13, p14, p15, show(*ds), show(*kep), p22, p23, p24), [&] {
         *ds = given.give<BYTE>("memory", "DS request");
         *kep = given.give<BYTE>("memory", "KEP request");

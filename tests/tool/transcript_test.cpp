@@ -50,10 +50,7 @@ std::string verdicts(const char* access, const char* valid, const char* sign, co
 }
 
 const std::string usage = contents(SOURCES "/usage.txt");
-const std::string fail = "FAIL\n";
-const std::string done = "DONE\n";
-const std::string passed = "PASSED\n";
-const std::string failed = "FAILED\n";
+const std::string fail = "FAIL\n", done = "DONE\n", passed = "PASSED\n", failed = "FAILED\n";
 const std::string period =
     "{\"min-time\":\"2024-01-31T09:05:00\",\"max-time\":\"2026-12-31T23:59:58\"}\n";
 

@@ -67,8 +67,8 @@ std::string TextEncodeUtf8(const wchar_t* text);
 // converted so far, without a NUL.
 int TextDecodeUtf8(wchar_t* out, unsigned long outSize, char* in, unsigned long inLen);
 
-// Returns `text` with the twelve Cyrillic capitals that look like Latin ones (А В С Е Н І К М О Р Т
-// Х) replaced by those; all other characters stay.
+// Returns `text` with the twelve Cyrillic capitals that look like Latin ones replaced by those
+// (А В С Е Н І К М О Р Т Х); all other characters stay.
 std::wstring TextTransPlate(const std::wstring& text);
 
 } // namespace Orlek::Support
