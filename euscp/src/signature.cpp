@@ -77,7 +77,8 @@ bool isPlain(const X509_ALGOR* algorithm) {
 }
 
 // The fields that OpenSSL reads over: versions, the list of digests, the kinds of certificates and
-// revocation lists. A change in one of them would otherwise go unnoticed.
+// revocation lists. A change in one of them would otherwise go unnoticed. The message has been
+// parsed before, so each element is of the kind that its place says.
 void checkOutline(view message, CMS_SignerInfo* signer, int certificateCount) {
     const auto info = sequence(message);
     require(sk_ASN1_TYPE_num(info.get()) == 2, EU_ERROR_SIGN_FORMAT);
