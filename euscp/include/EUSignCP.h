@@ -324,10 +324,11 @@ DWORD EUGeneratePrivateKeyEx(
     DWORD* pdwInternationalRequestLength,
     char* pszInternationalName);
 
-/* Destroys, with the password, the signing key of a medium, the pair generated beside it and the
- * certificates of both. Other objects on the medium stay.
- * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; the PKCS#11 codes for what the
- * token refuses to destroy.
+/* Destroys, with the password, the signing key of a medium (the one that EUCtxReadPrivateKey
+ * opens), the pair generated beside it, what killed generations left, and the certificates of all
+ * these. Where no key opens, it destroys every pair that was ever generated. Other objects stay.
+ * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; EU_ERROR_KEY_NOT_SUPPORTED; the
+ * PKCS#11 codes for what the token refuses to destroy.
  */
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia);
 

@@ -98,7 +98,8 @@ struct generated_object {
 // what is left can still be told, and removed.
 std::vector<generated_object> generatedObjects(const session& on) {
     std::vector<generated_object> objects;
-    std::vector<bytes> unfinished;
+    std::vector<bytes> begun;
+    std::vector<bytes> complete;
     for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
         for (const CK_OBJECT_HANDLE handle : on.find(kind)) {
             bytes id = on.value(handle, CKA_ID).value_or(bytes{});
@@ -109,14 +110,17 @@ std::vector<generated_object> generatedObjects(const session& on) {
             }
             id.pop_back();
             const bool shows = ds && kind == CKO_PUBLIC_KEY;
-            if (shows && !on.flag(handle, CKA_VERIFY)) {
-                unfinished.push_back(id);
+            if (shows) {
+                (on.flag(handle, CKA_VERIFY) ? complete : begun).push_back(id);
             }
             objects.push_back({handle, kind, std::move(id), shows});
         }
     }
     for (generated_object& each : objects) {
-        each.unfinished = std::ranges::find(unfinished, each.generation) != unfinished.end();
+        const auto isIn = [&each](const std::vector<bytes>& generations) {
+            return std::ranges::find(generations, each.generation) != generations.end();
+        };
+        each.unfinished = isIn(begun) && !isIn(complete);
     }
     std::stable_partition(objects.begin(), objects.end(), [](const auto& each) {
         return !each.shows;
@@ -283,8 +287,8 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_
     std::vector<pkey_ptr> publicKeys;
     for (const generated_object& each : pairs) {
         (each.kind == CKO_PRIVATE_KEY ? objects : last).push_back(each.handle);
-        if (each.kind == CKO_PUBLIC_KEY) {
-            publicKeys.push_back(publicKeyOf(on, each.handle));
+        if (auto publicKey = each.kind == CKO_PUBLIC_KEY ? servedKeyOf(on, each.handle) : nullptr) {
+            publicKeys.push_back(std::move(publicKey));
         }
     }
     if (key) {

@@ -152,14 +152,19 @@ std::vector<CK_OBJECT_HANDLE> privateKeys(const session& on, const bytes& id) {
                        .add(CKA_ID, view(id)));
 }
 
-// The public key of an object; null for a kind that is not served.
-pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
-    try {
-        return publicKeyOf(on, object);
-    } catch (const failure& e) {
-        require(e.code == EU_ERROR_KEY_NOT_SUPPORTED, e.code);
-        return nullptr;
-    }
+struct shown_key {
+    public_part part;
+    pkey_ptr publicKey; // null for a kind that is not served
+};
+
+// Whether two different public keys go by the identifier: the private key may be either's.
+bool isAmbiguous(const shown_key& key, const std::vector<shown_key>& keys) {
+    return std::ranges::any_of(keys, [&key](const shown_key& other) {
+        const bool same =
+            &other == &key || (key.publicKey && other.publicKey &&
+                               EVP_PKEY_eq(key.publicKey.get(), other.publicKey.get()) == 1);
+        return other.part.id == key.part.id && !same;
+    });
 }
 
 } // namespace
@@ -193,28 +198,46 @@ std::vector<public_part> signingKeys(const session& on) {
     return keys;
 }
 
+pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
+    try {
+        return publicKeyOf(on, object);
+    } catch (const failure& e) {
+        require(e.code == EU_ERROR_KEY_NOT_SUPPORTED, e.code);
+        return nullptr;
+    }
+}
+
 std::optional<whole_key> signingKey(const session& on) {
+    std::vector<shown_key> shown;
+    for (auto parts = signingKeys(on); public_part & part : parts) {
+        auto publicKey = servedKeyOf(on, part.object);
+        shown.push_back({std::move(part), std::move(publicKey)});
+    }
     const auto certificates = certificatesOn(on);
-    const auto rank = [&certificates](const whole_key& key) {
-        return std::pair(!holdsKey(certificates, key.publicKey.get()), key.shown.id);
+    const auto rank = [&certificates](const shown_key& key) {
+        return std::pair(!holdsKey(certificates, key.publicKey.get()), key.part.id);
     };
-    std::optional<whole_key> best;
+    shown_key* best = nullptr;
+    CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
     bool othersOnly = false;
-    for (const public_part& shown : signingKeys(on)) {
-        const auto behind = privateKeys(on, shown.id);
-        if (behind.size() != 1) {
+    for (shown_key& key : shown) {
+        const auto behind = privateKeys(on, key.part.id);
+        if (behind.size() != 1 || isAmbiguous(key, shown)) {
             continue;
         }
-        whole_key key{shown, behind.front(), servedKeyOf(on, shown.object)};
         if (!key.publicKey) {
-            othersOnly = !best;
-        } else if (!best || rank(key) < rank(*best)) {
-            best = std::move(key);
+            othersOnly = best == nullptr;
+        } else if (best == nullptr || rank(key) < rank(*best)) {
+            best = &key;
+            privateKey = behind.front();
             othersOnly = false;
         }
     }
     require(!othersOnly, EU_ERROR_KEY_NOT_SUPPORTED);
-    return best;
+    if (best == nullptr) {
+        return std::nullopt;
+    }
+    return whole_key{std::move(best->part), privateKey, std::move(best->publicKey)};
 }
 
 pkey_ptr publicKeyOf(const session& on, CK_OBJECT_HANDLE object) {

@@ -40,15 +40,18 @@ struct whole_key {
     pkey_ptr publicKey;
 };
 
-// The token's signing key, seen by a logged-in session: one of signingKeys that is served and has
-// exactly one private key of its identifier; of several one with a certificate of its own, then
-// the first by identifier. Nothing if there is none.
-// Throws EU_ERROR_KEY_NOT_SUPPORTED if there are only keys of other kinds.
+// The token's signing key, seen by a logged-in session: one of signingKeys that is served and whose
+// identifier is that of no other public key and of exactly one private key; of several one with a
+// certificate of its own, then the first by identifier. Nothing if there is none. Throws
+// EU_ERROR_KEY_NOT_SUPPORTED if there are only keys of other kinds.
 std::optional<whole_key> signingKey(const session& on);
 
 // The public key that a public-key or certificate object holds.
 // Throws EU_ERROR_KEY_NOT_SUPPORTED for a key of another kind than isServed tells.
 pkey_ptr publicKeyOf(const session& on, CK_OBJECT_HANDLE object);
+
+// The same; null for a key of another kind.
+pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object);
 
 // Signs a message with a private key of a logged-in session, with SHA-256: ECDSA (as DER) or
 // RSASSA-PKCS1-v1_5 (RFC 8017). A key that wants the password for each signature gets it. The

@@ -76,6 +76,11 @@ bool isPlain(const X509_ALGOR* algorithm) {
     return parameter == V_ASN1_UNDEF || parameter == V_ASN1_NULL;
 }
 
+bool isPlainDigest(const X509_ALGOR* algorithm, int digestId) {
+    return algorithm != nullptr && OBJ_obj2nid(algorithm->algorithm) == digestId &&
+           isPlain(algorithm);
+}
+
 // The fields that OpenSSL reads over: versions, the list of digests, the kinds of certificates and
 // revocation lists. A change in one of them would otherwise go unnoticed. The message has been
 // parsed before, so each element is of the kind that its place says.
@@ -100,7 +105,11 @@ void checkOutline(view message, CMS_SignerInfo* signer, int certificateCount) {
         der(sk_ASN1_TYPE_value(digests.get(), 0)),
         d2i_X509_ALGOR,
         EU_ERROR_SIGN_FORMAT);
-    require(isPlain(digest.get()), EU_ERROR_SIGN_ALGORITHM);
+    X509_ALGOR* signersDigest = nullptr;
+    CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &signersDigest, nullptr);
+    require(
+        isPlainDigest(digest.get(), OBJ_obj2nid(signersDigest->algorithm)),
+        EU_ERROR_SIGN_ALGORITHM);
 
     ASN1_OCTET_STRING* keyIdentifier = nullptr;
     CMS_SignerInfo_get0_signer_id(signer, &keyIdentifier, nullptr, nullptr);
@@ -108,11 +117,6 @@ void checkOutline(view message, CMS_SignerInfo* signer, int certificateCount) {
     const auto signers = set(der(sk_ASN1_TYPE_value(fields.get(), count - 1)));
     const auto signerFields = sequence(der(sk_ASN1_TYPE_value(signers.get(), 0)));
     require(version(fields) == expected && version(signerFields) == expected, EU_ERROR_SIGN_FORMAT);
-}
-
-bool isPlainDigest(const X509_ALGOR* algorithm, int digestId) {
-    return algorithm != nullptr && OBJ_obj2nid(algorithm->algorithm) == digestId &&
-           isPlain(algorithm);
 }
 
 // RSASSA-PSS (RFC 8017) with the digest throughout.
@@ -306,7 +310,7 @@ CMS_SignerInfo* onlySigner(CMS_ContentInfo* message) {
 
 bool looksLikeAttributes(view data) {
     constexpr unsigned char set_tag = V_ASN1_SET | V_ASN1_CONSTRUCTED;
-    if (data.empty() || data.front() != set_tag) {
+    if (data.size() <= 2 || data.front() != set_tag) { // an empty set is none
         return false;
     }
     const unsigned char* end = data.data();
@@ -316,7 +320,7 @@ bool looksLikeAttributes(view data) {
         static_cast<long>(data.size()),
         ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
     ASN1_item_free(parsed, ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
-    return parsed != nullptr;
+    return parsed != nullptr && end == data.data() + data.size();
 }
 
 // Signed attributes are absent as a whole, or one of them is the content type. Where they are
