@@ -30,6 +30,22 @@ int noPassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/
     return -1;
 }
 
+// The text with its line ends as PEM_write makes them; the last line may end without one.
+std::string plainLines(view text) {
+    std::string lines;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const bool carriageReturn =
+            text[at] == '\r' && at + 1 < text.size() && text[at + 1] == '\n';
+        if (!carriageReturn) {
+            lines += static_cast<char>(text[at]);
+        }
+    }
+    if (lines.ends_with('-')) {
+        lines += '\n';
+    }
+    return lines;
+}
+
 x509_ptr parsePem(view encoding) {
     auto certificate = taken<x509_ptr>(
         PEM_read_bio_X509(reading(encoding).get(), nullptr, noPassPhrase, nullptr),
@@ -37,9 +53,7 @@ x509_ptr parsePem(view encoding) {
     auto written = taken<bio_ptr>(BIO_new(BIO_s_mem()));
     succeed(PEM_write_bio_X509(written.get(), certificate.get()));
 
-    std::string lines(encoding.begin(), encoding.end());
-    lines += '\n'; // the last line may end without one
-    std::erase(lines, '\r');
+    const std::string lines = plainLines(encoding);
     require(lines.find(textIn(written.get())) != std::string::npos, EU_ERROR_CERT_FORMAT);
     return certificate;
 }

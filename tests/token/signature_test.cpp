@@ -158,7 +158,7 @@ TEST(Verification, NoticesEveryChangedByte) {
         ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
         for (bytes& part : parts) {
             for (unsigned char& byte : part) {
-                for (const int mask : {0x01, 0x0A, 0x20, 0xFF}) {
+                for (const int mask : {0x01, 0x07, 0x0A, 0x20, 0xFF}) {
                     byte = static_cast<unsigned char>(byte ^ mask);
                     EXPECT_NE(verify(parts[0], parts[1], parts[2]), 0U)
                         << &part - parts.data() << " at " << &byte - part.data() << ' ' << mask;
