@@ -50,3 +50,13 @@ function(velmora_external_library target root file)
   target_link_directories(${target} INTERFACE ${root}/lib)
   target_link_libraries(${target} INTERFACE -l:${file})
 endfunction()
+
+# The name by which the loader finds a shared library, for one that is loaded only when it is needed.
+function(velmora_soname variable library)
+  execute_process(COMMAND ${CMAKE_OBJDUMP} -p ${library}
+    OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
+  if(NOT headers MATCHES "SONAME +([^\n]+)")
+    message(FATAL_ERROR "${library} has no name for the loader")
+  endif()
+  set(${variable} ${CMAKE_MATCH_1} PARENT_SCOPE)
+endfunction()

@@ -32,6 +32,7 @@ typedef unsigned char BYTE;
 #define EU_WARNING_END_OF_ENUM 0x0007UL
 #define EU_ERROR_CRYPTO 0x0008UL
 #define EU_ERROR_UNKNOWN 0x0009UL
+#define EU_ERROR_LIBRARY 0x000AUL
 
 /* Key media and the keys on them. */
 #define EU_ERROR_KEY_MEDIAS_FAILED 0x0011UL

@@ -1,4 +1,5 @@
-// The exported functions: arguments checked, failures turned into codes, the work done elsewhere.
+// The functions that euscp.so forwards, under the same names: arguments checked, failures turned
+// into codes, the work done elsewhere.
 
 #include "certificate.h"
 #include "files.h"
@@ -18,11 +19,6 @@ namespace {
 
 constexpr DWORD token_type = 0;
 
-// The one media type's description, as the caller knows it, in Windows-1251.
-constexpr char type_description[] = "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1\xCA";
-
-bool initialized = false;
-
 // The tokens by device index, as last listed.
 std::optional<std::vector<token>>& devices() {
     static std::optional<std::vector<token>> listed;
@@ -31,8 +27,7 @@ std::optional<std::vector<token>>& devices() {
 
 struct library_context {};
 
-void requireReady(std::initializer_list<const void*> arguments) {
-    require(initialized, EU_ERROR_NOT_INITIALIZED);
+void requireGiven(std::initializer_list<const void*> arguments) {
     for (const void* argument : arguments) {
         require(argument != nullptr, EU_ERROR_BAD_PARAMETER);
     }
@@ -81,34 +76,9 @@ void requireSignable(DWORD algorithm, BOOL external) {
 
 } // namespace
 
-void EUSetUIMode(BOOL /*bUIMode*/) {}
-
-DWORD EUInitialize() {
-    return guarded([] {
-        succeed(OPENSSL_init_crypto(0, nullptr));
-        initialized = true;
-    });
-}
-
-void EUFinalize() {
-    initialized = false;
-}
-
-const char* EUGetErrorLangDesc(DWORD dwError, DWORD /*dwLanguage*/) {
-    return describe(dwError);
-}
-
-DWORD EUEnumKeyMediaTypes(DWORD dwTypeIndex, char* pszDescription) {
-    return guarded([&] {
-        requireReady({pszDescription});
-        require(dwTypeIndex == token_type, EU_WARNING_END_OF_ENUM);
-        copyTo(pszDescription, type_description);
-    });
-}
-
 DWORD EUEnumKeyMediaDevices(DWORD dwTypeIndex, DWORD dwDevIndex, char* pszDescription) {
     return guarded([&] {
-        requireReady({pszDescription});
+        requireGiven({pszDescription});
         require(dwTypeIndex == token_type, EU_WARNING_END_OF_ENUM);
         if (dwDevIndex == 0 || !devices()) {
             devices() = listTokens();
@@ -120,7 +90,7 @@ DWORD EUEnumKeyMediaDevices(DWORD dwTypeIndex, DWORD dwDevIndex, char* pszDescri
 
 DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* pKeyMedia, BOOL* pbExists) {
     return guarded([&] {
-        requireReady({pKeyMedia, pbExists});
+        requireGiven({pKeyMedia, pbExists});
         const session with(tokenOf(*pKeyMedia), session::mode::read_only);
         *pbExists = signingKeys(with).empty() ? 0 : 1;
     });
@@ -128,7 +98,7 @@ DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* pKeyMedia, BOOL* pbExists) {
 
 DWORD EUCtxCreate(void** ppvContext) {
     return guarded([&] {
-        requireReady({ppvContext});
+        requireGiven({ppvContext});
         *ppvContext = new library_context;
     });
 }
@@ -143,7 +113,7 @@ DWORD EUCtxReadPrivateKey(
     void** ppvPrivateKey,
     EU_CERT_OWNER_INFO* pInfo) {
     return guarded([&] {
-        requireReady({pvContext, pKeyMedia, ppvPrivateKey, pInfo});
+        requireGiven({pvContext, pKeyMedia, ppvPrivateKey, pInfo});
         auto key = std::make_unique<private_key>(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
         *pInfo = ownerOf(*key);
         *ppvPrivateKey = key.release();
@@ -168,7 +138,7 @@ DWORD EUCtxGetOwnCertificate(
     BYTE** ppbCertificate,
     DWORD* pdwCertificateLength) {
     return guarded([&] {
-        requireReady({pvPrivateKey, ppInfo, ppbCertificate, pdwCertificateLength});
+        requireGiven({pvPrivateKey, ppInfo, ppbCertificate, pdwCertificateLength});
         require(
             dwCertKeyType == EU_CERT_KEY_TYPE_OWN && dwKeyUsage == EU_KEY_USAGE_SIGNATURE,
             EU_ERROR_BAD_PARAMETER);
@@ -202,7 +172,7 @@ DWORD EUCtxSignData(
     BYTE** ppbSignature,
     DWORD* pdwSignatureLength) {
     return guarded([&] {
-        requireReady({pvPrivateKey, pbData, ppbSignature, pdwSignatureLength});
+        requireGiven({pvPrivateKey, pbData, ppbSignature, pdwSignatureLength});
         requireSignable(dwSignAlgorithm, bExternal);
         const bytes digest = sha256({pbData, dwDataLength});
         parcel(signDigest(*static_cast<private_key*>(pvPrivateKey), digest, bAppendCert != 0))
@@ -218,7 +188,7 @@ DWORD EUCtxSignFile(
     BOOL bAppendCert,
     const char* pszSignatureFileName) {
     return guarded([&] {
-        requireReady({pvPrivateKey, pszFileName, pszSignatureFileName});
+        requireGiven({pvPrivateKey, pszFileName, pszSignatureFileName});
         requireSignable(dwSignAlgorithm, bExternal);
         checkTarget(pszSignatureFileName, pszFileName);
         const bytes digest = fileDigest(pszFileName);
@@ -243,7 +213,7 @@ DWORD EUVerifyDataWithParams(
     const void* pvSettings,
     EU_SIGN_INFO* pInfo) {
     return guarded([&] {
-        requireReady({pbData, pbSignature, pbCertificate, pInfo});
+        requireGiven({pbData, pbSignature, pbCertificate, pInfo});
         requireUnused(
             {pvHash == nullptr,
              dwHashLength == 0,
@@ -295,7 +265,7 @@ DWORD EUGeneratePrivateKeyEx(
     DWORD* pdwInternationalRequestLength,
     char* pszInternationalName) {
     return guarded([&] {
-        requireReady(
+        requireGiven(
             {pKeyMedia, ppbDsRequest, pdwDsRequestLength, ppbKepRequest, pdwKepRequestLength});
         for (const void* unused : std::initializer_list<const void*>{
                  pvInternationalParams,
@@ -324,7 +294,7 @@ DWORD EUGeneratePrivateKeyEx(
 
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia) {
     return guarded([&] {
-        requireReady({pKeyMedia});
+        requireGiven({pKeyMedia});
         destroyKeys(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
     });
 }

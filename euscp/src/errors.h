@@ -1,4 +1,4 @@
-// Failures inside the library: an exception that carries a result code, and the one table of texts.
+// Failures inside the library: an exception that carries a result code.
 #pragma once
 
 #include <EUSignCP.h>
@@ -12,13 +12,9 @@ namespace eu {
 class failure : public std::exception {
 public:
     explicit failure(DWORD result) : code(result) {}
-    const char* what() const noexcept override;
 
     const DWORD code;
 };
-
-// The English text of a result code; never null.
-const char* describe(DWORD code);
 
 // The result code of a PKCS#11 result.
 DWORD codeOf(CK_RV result);

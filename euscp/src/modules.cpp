@@ -4,13 +4,45 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 
 namespace eu {
 
 namespace {
 
-bool holdsTrustPolicy(CK_FUNCTION_LIST* module) {
-    char* option = p11_kit_config_option(module, "trust-policy");
+// p11-kit, loaded along with the modules: a verification does without both. Its functions are
+// looked up as those of a linked library would be, those of the program itself first.
+class p11_kit {
+public:
+    p11_kit() {
+        if (dlopen(P11_KIT_SONAME, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
+            throw failure(EU_ERROR_LIBRARY);
+        }
+        find(be_quiet, "p11_kit_be_quiet");
+        find(modules_load, "p11_kit_modules_load");
+        find(modules_release, "p11_kit_modules_release");
+        find(module_initialize, "p11_kit_module_initialize");
+        find(module_finalize, "p11_kit_module_finalize");
+        find(config_option, "p11_kit_config_option");
+    }
+
+    decltype(&p11_kit_be_quiet) be_quiet;
+    decltype(&p11_kit_modules_load) modules_load;
+    decltype(&p11_kit_modules_release) modules_release;
+    decltype(&p11_kit_module_initialize) module_initialize;
+    decltype(&p11_kit_module_finalize) module_finalize;
+    decltype(&p11_kit_config_option) config_option;
+
+private:
+    template <class Function>
+    static void find(Function& function, const char* name) {
+        function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
+        require(function != nullptr, EU_ERROR_LIBRARY);
+    }
+};
+
+bool holdsTrustPolicy(const p11_kit& kit, CK_FUNCTION_LIST* module) {
+    char* option = kit.config_option(module, "trust-policy");
     const bool answer = option != nullptr && std::strcmp(option, "yes") == 0;
     std::free(option);
     return answer;
@@ -19,13 +51,13 @@ bool holdsTrustPolicy(CK_FUNCTION_LIST* module) {
 class loaded_modules {
 public:
     loaded_modules() {
-        p11_kit_be_quiet();
-        all = p11_kit_modules_load(nullptr, 0);
+        kit.be_quiet();
+        all = kit.modules_load(nullptr, 0);
         if (all == nullptr) {
             throw failure(EU_ERROR_KEY_MEDIAS_FAILED);
         }
         for (CK_FUNCTION_LIST** module = all; *module != nullptr; ++module) {
-            if (!holdsTrustPolicy(*module) && p11_kit_module_initialize(*module) == CKR_OK) {
+            if (!holdsTrustPolicy(kit, *module) && kit.module_initialize(*module) == CKR_OK) {
                 started.push_back(*module);
             }
         }
@@ -33,9 +65,9 @@ public:
 
     ~loaded_modules() {
         for (CK_FUNCTION_LIST* module : started) {
-            p11_kit_module_finalize(module);
+            kit.module_finalize(module);
         }
-        p11_kit_modules_release(all);
+        kit.modules_release(all);
     }
 
     loaded_modules(const loaded_modules&) = delete;
@@ -44,6 +76,7 @@ public:
     std::vector<CK_FUNCTION_LIST*> started;
 
 private:
+    const p11_kit kit;
     CK_FUNCTION_LIST** all = nullptr;
 };
 

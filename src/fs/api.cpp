@@ -13,8 +13,10 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <utility>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,8 +26,20 @@ namespace Orlek::Support::Velmora::Fs {
 namespace {
 
 using stdio_file = std::unique_ptr<std::FILE, released_with<std::fclose>>;
-using zip_archive = std::unique_ptr<zip_t, released_with<zip_discard>>;
-using zip_data = std::unique_ptr<zip_source_t, released_with<zip_source_free>>;
+
+// libzip, loaded with the first archive: the other commands do without it and all that it needs.
+struct zip_library {
+    decltype(&zip_open) open;
+    decltype(&zip_source_buffer) source_buffer;
+    decltype(&zip_source_free) source_free;
+    decltype(&zip_file_add) file_add;
+    decltype(&zip_close) close;
+    decltype(&zip_discard) discard;
+    decltype(&zip_strerror) strerror;
+};
+
+using zip_archive = std::unique_ptr<zip_t, decltype(&zip_discard)>;
+using zip_data = std::unique_ptr<zip_source_t, decltype(&zip_source_free)>;
 
 // As fopen with mode "rb", but opening a pipe that nobody writes to does not wait.
 stdio_file openForReading(const char* path) {
@@ -71,11 +85,36 @@ std::unique_ptr<unsigned char[]> readWhole(std::FILE* file, std::uint32_t& lengt
     return std::fread(data.get(), length, 1, file) == 1 ? std::move(data) : nullptr;
 }
 
-// Logs a failed call, whose format takes the archive's own text for the failure.
-[[noreturn]] void
-failArchive(const char* file, int line, const char* function, const char* failure, zip_t* archive) {
-    LogWrite(file, line, function, log_failure, failure, zip_strerror(archive));
-    throw internal_error();
+// Where a record is written from. Made with {ORLEK_HERE}.
+struct place {
+    const char* file;
+    int line;
+    const char* function;
+};
+
+// Loads libzip, which then stays. Throws internal_error, with the cause in the log.
+zip_library loadZip(const place& at) {
+    void* const library = dlopen(LIBZIP_SONAME, RTLD_NOW);
+    zip_library zip{};
+    bool complete = library != nullptr;
+    const auto find = [&](auto& function, const char* name) {
+        if (complete) {
+            function = reinterpret_cast<std::decay_t<decltype(function)>>(dlsym(library, name));
+            complete = function != nullptr;
+        }
+    };
+    find(zip.open, "zip_open");
+    find(zip.source_buffer, "zip_source_buffer");
+    find(zip.source_free, "zip_source_free");
+    find(zip.file_add, "zip_file_add");
+    find(zip.close, "zip_close");
+    find(zip.discard, "zip_discard");
+    find(zip.strerror, "zip_strerror");
+    if (!complete) {
+        LogWrite(at.file, at.line, at.function, log_failure, "fail: dlopen (%s)", dlerror());
+        throw internal_error();
+    }
+    return zip;
 }
 
 // The text before the last '/', or the whole path if it has none.
@@ -111,12 +150,20 @@ void api::createZip(
         LogWrite(ORLEK_HERE, log_tolerated, "fail: mkdir <%s>", directory.c_str());
     }
 
+    const zip_library zip = loadZip({ORLEK_HERE});
     int error = 0;
-    zip_archive archive(zip_open(zipPath, ZIP_CREATE | ZIP_TRUNCATE, &error));
+    zip_archive archive(zip.open(zipPath, ZIP_CREATE | ZIP_TRUNCATE, &error), zip.discard);
     if (error != 0) {
         LogWrite(ORLEK_HERE, log_failure, "fail: zip_open (answer:%d)", error);
         throw internal_error();
     }
+    const auto require = [&](const place& at, bool succeeded, const char* failure) {
+        if (!succeeded) {
+            const char* cause = zip.strerror(archive.get());
+            LogWrite(at.file, at.line, at.function, log_failure, failure, cause);
+            throw internal_error();
+        }
+    };
 
     struct entry {
         const char* name;
@@ -125,19 +172,16 @@ void api::createZip(
     };
     for (const auto& [name, data, size] :
          {entry{name1, data1, size1}, entry{name2, data2, size2}}) {
-        zip_data source(zip_source_buffer(archive.get(), data, size, 0));
-        if (!source) {
-            failArchive(ORLEK_HERE, "fail: zip_source_buffer (%s)", archive.get());
-        }
-        if (zip_file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8) < 0) {
-            failArchive(ORLEK_HERE, "fail: zip_file_add (%s)", archive.get());
-        }
+        zip_data source(zip.source_buffer(archive.get(), data, size, 0), zip.source_free);
+        require({ORLEK_HERE}, source != nullptr, "fail: zip_source_buffer (%s)");
+        require(
+            {ORLEK_HERE},
+            zip.file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8) >= 0,
+            "fail: zip_file_add (%s)");
         (void)source.release(); // the archive's now
     }
 
-    if (zip_close(archive.get()) != 0) {
-        failArchive(ORLEK_HERE, "fail: zip_close (%s)", archive.get());
-    }
+    require({ORLEK_HERE}, zip.close(archive.get()) == 0, "fail: zip_close (%s)");
     (void)archive.release(); // gone with the closing
     LogWrite(ORLEK_HERE, log_progress, "done");
 }
