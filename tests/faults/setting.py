@@ -48,8 +48,9 @@ class Setting:
     def run(self, *words, wrapper=(), **options):
         """Runs the program; a run that hangs ends the test. Without its log if env says so."""
         return subprocess.run(
-            [*wrapper, PROGRAM, *words], cwd=self.folder, timeout=120,
-            **{"env": self.env, "stdin": subprocess.DEVNULL, "capture_output": True, **options}
+            [*wrapper, PROGRAM, *words], timeout=120,
+            **{"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
+               "capture_output": True, **options}
         )
 
     def certify(self, serial, archive="req.zip"):

@@ -7,12 +7,12 @@
 //                that is no character
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
-//   EU_FAIL      "k:code": the k-th of the calls that return a result returns this code
+//   EU_FAIL      "k:code": the k-th of the calls that return a result returns this code; the code
+//                4242 is unknown to EUGetErrorLangDesc, which has no text for it
 //   <function>   the result of every call of the function of this name
 #include <EUSignCP.h>
 
 #include <algorithm>
-#include <concepts>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -35,18 +35,18 @@ public:
         }
     }
     template <class type>
-    type* give(const std::string& kind, std::string_view content) {
-        auto* place = new char[std::max<std::size_t>(content.size(), 1)];
+    type* give(const std::string& kind, std::string_view content = "") {
+        auto* place = new char[content.size() + 1];
         content.copy(place, content.size());
         names[place] = kind + std::to_string(names.size() + 1);
         return reinterpret_cast<type*>(place);
     }
     std::string look(const std::string& kind, const void* place) const {
         const auto found = names.find(place);
-        if (place != nullptr && (found == names.end() || !found->second.starts_with(kind))) {
-            transcribe("leak: not a " + kind + ", or released before");
-        }
-        return place == nullptr ? "null" : found == names.end() ? "unknown" : found->second;
+        const std::string name = found != names.end() ? found->second : "unknown";
+        if (place == nullptr) { return "null"; }
+        if (!name.starts_with(kind)) { transcribe("leak: not a " + kind + ", or released before"); }
+        return name;
     }
     std::string take(const std::string& kind, const void* place) {
         auto name = look(kind, place);
@@ -86,10 +86,7 @@ std::vector<std::string> mediaType(DWORD index) {
     return split(type, ',');
 }
 
-template <std::integral number>
-std::string show(number value) {
-    return std::to_string(value);
-}
+std::string show(DWORD value) { return std::to_string(value); }
 std::string show(const std::string& shown) { return shown; }
 std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
 std::string show(const void* pointer) { return pointer ? "set" : "null"; }
@@ -133,6 +130,11 @@ DWORD answer(const std::string& call, const std::vector<std::string>& texts, DWO
     return answer(call, describe, at < texts.size() ? EU_ERROR_NONE : EU_WARNING_END_OF_ENUM);
 }
 
+// The release of something handed out.
+void release(const char* function, const std::string& kind, const void* place) {
+    transcribe(call(function, given.take(kind, place)));
+}
+
 constexpr SYSTEMTIME begin_time{2024, 1, 3, 31, 9, 5, 0, 7};
 constexpr SYSTEMTIME end_time{2026, 12, 4, 31, 23, 59, 58, 0};
 
@@ -142,14 +144,17 @@ constexpr SYSTEMTIME end_time{2026, 12, 4, 31, 23, 59, 58, 0};
 // clang-format off
 
 void EUSetUIMode(BOOL mode) { transcribe(call(__func__, mode)); }
-
 DWORD EUInitialize(void) { return answer(call(__func__)); }
-
 void EUFinalize(void) { transcribe(call(__func__)); }
+void EUCtxFree(void* context) { release(__func__, "context", context); }
+void EUCtxFreePrivateKey(void* key) { release(__func__, "key", key); }
+void EUFreeCertificateInfoEx(EU_CERT_INFO_EX* info) { release(__func__, "info", info); }
+void EUFreeSignInfo(EU_SIGN_INFO* info) { release(__func__, "signer", info->pszSubject); }
+void EUFreeMemory(BYTE* memory) { release(__func__, "memory", memory); }
 
 const char* EUGetErrorLangDesc(DWORD error, DWORD language) {
     transcribe(call(__func__, error, language));
-    return "why %s";
+    return error == 4242 ? nullptr : "why %s";
 }
 
 DWORD EUEnumKeyMediaTypes(DWORD type, char* text) {
@@ -168,21 +173,19 @@ DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* media, BOOL* exists) {
     });
 }
 
-DWORD EUCtxCreate(void** context) {
-    return answer(call(__func__, *context), [&] { *context = given.give<void>("context", ""); });
-}
+DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* media) { return answer(call(__func__, media)); }
 
-void EUCtxFree(void* context) { transcribe(call(__func__, given.take("context", context))); }
+DWORD EUCtxCreate(void** context) {
+    return answer(call(__func__, *context), [&] { *context = given.give<void>("context"); });
+}
 
 DWORD EUCtxReadPrivateKey(
     void* context, const EU_KEY_MEDIA* media, void** key, EU_CERT_OWNER_INFO* info) {
     return answer(call(__func__, given.look("context", context), media, show(*key)), [&] {
-        *key = given.give<void>("key", "");
-        info->pszSubject = given.give<char>("owner", "");
+        *key = given.give<void>("key");
+        info->pszSubject = given.give<char>("owner");
     });
 }
-
-void EUCtxFreePrivateKey(void* key) { transcribe(call(__func__, given.take("key", key))); }
 
 void EUCtxFreeCertOwnerInfo(void* context, EU_CERT_OWNER_INFO* info) {
     const auto owner = given.take("owner", info->pszSubject);
@@ -201,15 +204,10 @@ DWORD EUCtxGetOwnCertificate(void* key, DWORD type, DWORD usage, EU_CERT_INFO_EX
     });
 }
 
-void EUFreeCertificateInfoEx(EU_CERT_INFO_EX* info) {
-    transcribe(call(__func__, given.take("info", info)));
-}
-
 DWORD EUCtxSignData(void* key, DWORD algorithm, const BYTE* data, DWORD size, BOOL external,
                     BOOL append, BYTE** signature, DWORD* length) {
-    const auto name = given.look("key", key);
-    return answer(call(__func__, name, algorithm, bytes(data, size), size, external, append,
-                       show(*signature)), [&] {
+    return answer(call(__func__, given.look("key", key), algorithm, bytes(data, size), size,
+                       external, append, show(*signature)), [&] {
         *signature = given.give<BYTE>("memory", "signature");
         *length = 9;
     });
@@ -229,15 +227,11 @@ DWORD EUVerifyDataWithParams(
                        bytes(signature, signature_size), signature_size, index, params, params_size,
                        bytes(certificate, certificate_size), certificate_size, settings), [&] {
         *info = {};
-        info->pszSubject = given.give<char>("signer", "");
+        info->pszSubject = given.give<char>("signer");
         info->bTimeAvail = setting("EU_TIME", "") == "1" ? 2 : 0;
         info->bTimeStamp = setting("EU_TIME", "") == "2" ? 2 : 0;
         info->Time = begin_time;
     });
-}
-
-void EUFreeSignInfo(EU_SIGN_INFO* info) {
-    transcribe(call(__func__, given.take("signer", info->pszSubject)));
 }
 
 DWORD EUGeneratePrivateKeyEx(
@@ -255,7 +249,3 @@ DWORD EUGeneratePrivateKeyEx(
         std::memset(kep_name, 'n', EU_REQUEST_NAME_SIZE);
     });
 }
-
-DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* media) { return answer(call(__func__, media)); }
-
-void EUFreeMemory(BYTE* memory) { transcribe(call(__func__, given.take("memory", memory))); }

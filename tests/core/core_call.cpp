@@ -1,0 +1,88 @@
+// core_call FUNCTION ARGUMENT...: calls a function of the core library and prints what it answers,
+// for the sessions in golden/. An argument that is left out is null.
+#include <orlek/errors.h>
+#include <orlek/fsutils.h>
+#include <orlek/text.h>
+
+#include <functional>
+#include <iostream>
+#include <map>
+
+#include <dirent.h>
+
+using namespace Orlek::Support;
+
+static char** argument; // those of the function
+
+static unsigned long number(int index, int base = 10) {
+    return std::stoul(argument[index], nullptr, base);
+}
+
+static std::string split() {
+    std::vector<std::string> out{"before"};
+    const std::string delim = argument[1];
+    delim.size() == 1 ? TextSplit(argument[0], delim[0], out) : TextSplit(argument[0], delim, out);
+    return TextJoin('|', out);
+}
+
+static std::string decodeParam() {
+    std::string key = argument[0], value = "old";
+    TextDecodeParamValue(key, key, value, '=');
+    return "<" + key + "><" + value + ">";
+}
+
+// The characters in hexadecimal.
+static std::string encodeUtf8() {
+    std::wstring text;
+    for (int i = 0; argument[i] != nullptr; ++i) { text += static_cast<wchar_t>(number(i, 16)); }
+    return TextEncodeUtf8(text.c_str());
+}
+
+// What stands in a buffer of so many characters afterwards and behind it, where it was all '#'.
+static std::string decodeUtf8() {
+    const auto room = number(2);
+    std::wstring out(room + 1, L'#');
+    try {
+        TextDecodeUtf8(out.data(), room * sizeof(wchar_t), argument[0], number(1));
+    } catch (const Orlek::internal_error&) { out += L'!'; }
+    std::string shown;
+    for (const wchar_t character : out) { shown.append(" ").append(std::to_string(character)); }
+    return shown.substr(1);
+}
+
+static std::string transPlate() {
+    std::wstring wide(100, L'\0');
+    TextDecodeUtf8(wide.data(), wide.size() * sizeof(wchar_t), argument[0], 0);
+    return TextEncodeUtf8(TextTransPlate(wide).c_str());
+}
+
+static const std::map<std::string, std::function<std::string()>> functions{
+    {"create_dir_r", [] { return std::to_string(fsutils_create_dir_r(0775, argument[0])); }},
+    {"rm_r", [] { return std::to_string(fsutils_rm_r(argument[0])); }},
+    {"clear_dir", [] { return std::to_string(fsutils_clear_dir(argument[0])); }},
+    {"cp", [] { return std::to_string(fsutils_cp(argument[0], argument[1])); }},
+    {"TextSplit", split}, {"TextDecodeParamValue", decodeParam},
+    {"TextTrimL", [] { return TextTrimL(argument[0], argument[1], number(2)); }},
+    {"TextTrimR", [] { return TextTrimR(argument[0], argument[1], number(2)); }},
+    {"TextTrim", [] { return TextTrim(argument[0], argument[1], number(2)); }},
+    {"TextDecodeValue", [] { return TextDecodeValue(argument[0], '='); }},
+    {"TextToUpper", [] { return TextToUpper(argument[0]); }},
+    {"TextToLower", [] { return TextToLower(argument[0]); }}, {"TextEncodeUtf8", encodeUtf8},
+    {"TextDecodeUtf8", decodeUtf8}, {"TextTransPlate", transPlate}};
+
+static int openFiles() {
+    int count = 0;
+    DIR* files = opendir("/proc/self/fd");
+    while (readdir(files) != nullptr) { ++count; }
+    closedir(files);
+    return count;
+}
+
+int main(int, char** argv) {
+    argument = argv + 2;
+    const int before = openFiles();
+    try {
+        std::cout << functions.at(argv[1])() << '\n';
+    } catch (const Orlek::params_error&) { std::cout << "params_error\n"; }
+    if (openFiles() != before) { std::cout << "a file was left open\n"; }
+}

@@ -1,0 +1,72 @@
+// libzip with every call written down, and with the one that ZIP_FAIL names ("k:code", the k-th)
+// made to fail; the rest is the real library's.
+#include <zip.h>
+
+#include <dlfcn.h>
+
+#include "transcript.h"
+
+namespace {
+
+// The function of this name in the real library.
+template <class function>
+function* real(const char* name) {
+    static void* const library = ::dlopen(REAL_LIBZIP, RTLD_NOW);
+    return reinterpret_cast<function*>(::dlsym(library, name));
+}
+
+// Whether this is the call to fail; the archive, if there is one, then holds the code.
+int failure(zip_t* archive = nullptr) {
+    static int calls = 0;
+    const std::string fail = std::getenv("ZIP_FAIL") ? std::getenv("ZIP_FAIL") : "0:0";
+    const int code = ++calls == std::stoi(fail) ? std::stoi(fail.substr(fail.find(':') + 1)) : 0;
+    if (code != 0 && archive != nullptr) {
+        auto* error = real<decltype(zip_get_error)>("zip_get_error")(archive);
+        real<decltype(zip_error_set)>("zip_error_set")(error, code, 0);
+    }
+    return code;
+}
+
+template <class result>
+result told(const std::string& function, result answer, bool good) {
+    transcribe(function + (good ? "" : " failed"));
+    return answer;
+}
+
+} // namespace
+
+zip_t* zip_open(const char* path, int flags, int* error) {
+    *error = failure();
+    auto* made = *error ? nullptr : real<decltype(zip_open)>(__func__)(path, flags, error);
+    return told(__func__, made, made != nullptr);
+}
+
+zip_source_t* zip_source_buffer(zip_t* archive, const void* data, zip_uint64_t size, int freeing) {
+    auto* make = real<decltype(zip_source_buffer)>(__func__);
+    auto* made = failure(archive) ? nullptr : make(archive, data, size, freeing);
+    return told(__func__, made, made != nullptr);
+}
+
+zip_int64_t zip_file_add(
+    zip_t* archive, const char* name, zip_source_t* source, zip_flags_t flags) {
+    auto* add = real<decltype(zip_file_add)>(__func__);
+    const auto index = failure(archive) ? -1 : add(archive, name, source, flags);
+    return told(__func__, index, index >= 0);
+}
+
+int zip_close(zip_t* archive) {
+    const int result = failure(archive) ? -1 : real<decltype(zip_close)>(__func__)(archive);
+    return told(__func__, result, result == 0);
+}
+
+void zip_source_free(zip_source_t* source) {
+    transcribe(__func__);
+    real<decltype(zip_source_free)>(__func__)(source);
+}
+
+void zip_discard(zip_t* archive) {
+    transcribe(__func__);
+    real<decltype(zip_discard)>(__func__)(archive);
+}
+
+const char* zip_strerror(zip_t* archive) { return real<decltype(zip_strerror)>(__func__)(archive); }
