@@ -312,7 +312,6 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_
 } // namespace
 
 key_requests generateKeys(const token& on, std::string_view password) {
-    require((present(on).flags & CKF_WRITE_PROTECTED) == 0, EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED);
     session with(on, session::mode::read_write);
     with.login(password);
     require(signingKeys(with).empty(), EU_ERROR_KEY_EXISTS);

@@ -94,7 +94,7 @@ struct place {
 
 // Loads libzip, which then stays. Throws internal_error, with the cause in the log.
 zip_library loadZip(const place& at) {
-    void* const library = dlopen(LIBZIP_SONAME, RTLD_NOW);
+    void* const library = dlopen(LIBZIP_SONAME, RTLD_LAZY);
     zip_library zip{};
     bool complete = library != nullptr;
     const auto find = [&](auto& function, const char* name) {
