@@ -20,7 +20,6 @@ namespace {
 CK_FUNCTION_LIST* softhsm = nullptr;
 CK_FUNCTION_LIST wrapped;
 std::array<CK_FUNCTION_LIST*, 2> list{&wrapped, nullptr};
-std::string certificateFile;
 
 bool ofCurves(CK_MECHANISM_TYPE type) {
     return type == CKM_EC_KEY_PAIR_GEN || type == CKM_ECDSA || type == CKM_ECDH1_DERIVE;
@@ -29,7 +28,15 @@ bool ofCurves(CK_MECHANISM_TYPE type) {
 CK_RV interfere() {
     ++calls;
     if (calls == now.dieAt) { ::_exit(9); }
-    return calls == now.failAt ? CKR_DEVICE_ERROR : CKR_OK;
+    const bool since = now.forGood && now.failAt != 0 && calls > now.failAt;
+    return since || calls == now.failAt ? now.failure : CKR_OK;
+}
+
+// A token that went away leaves its slot, which is no failure of the module.
+CK_RV slotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
+    const CK_RV result = interfere();
+    if (result != CKR_OK && now.forGood) { return *count = 0, CKR_OK; }
+    return result != CKR_OK ? result : softhsm->C_GetSlotList(present, slots, count);
 }
 
 // One function of the list, counted and made to fail, then passed on.
@@ -67,14 +74,9 @@ CK_RV refusable(Arguments... arguments) {
 }
 
 CK_RV mechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
-    return now.noCurves && ofCurves(type) ? CKR_MECHANISM_INVALID
-                                          : softhsm->C_GetMechanismInfo(slot, type, info);
-}
-
-CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     const CK_RV result = interfere();
-    return now.absent ? CKR_TOKEN_NOT_PRESENT
-                      : (result != CKR_OK ? result : softhsm->C_GetTokenInfo(slot, info));
+    if (now.noCurves && ofCurves(type)) { return CKR_MECHANISM_INVALID; }
+    return result != CKR_OK ? result : softhsm->C_GetMechanismInfo(slot, type, info);
 }
 
 void must(CK_RV result) {
@@ -94,32 +96,32 @@ CK_FUNCTION_LIST& loaded() {
 
 CK_UTF8CHAR* pin() { return reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password)); }
 
-// The objects on the token, which are destroyed on demand.
-CK_ULONG countObjects(bool destroying) {
-    std::array<CK_SLOT_ID, 8> slots{};
-    std::array<CK_OBJECT_HANDLE, 32> found{};
-    CK_ULONG count = slots.size();
-    CK_SESSION_HANDLE session = 0;
-    must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
-    must(softhsm->C_OpenSession(
-        slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
-    const CK_RV login = softhsm->C_Login(session, CKU_USER, pin(), std::strlen(password));
-    must(login == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : login);
-    must(softhsm->C_FindObjectsInit(session, nullptr, 0));
-    must(softhsm->C_FindObjects(session, found.data(), found.size(), &count));
-    must(softhsm->C_FindObjectsFinal(session));
-    for (CK_ULONG i = 0; destroying && i < count; ++i) {
-        must(softhsm->C_DestroyObject(session, found[i]));
+// A session of the layer's own, logged in.
+class maintenance {
+public:
+    maintenance() {
+        std::array<CK_SLOT_ID, 8> slots{};
+        CK_ULONG count = slots.size();
+        must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
+        must(softhsm->C_OpenSession(
+            slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
+        const CK_RV login = softhsm->C_Login(session, CKU_USER, pin(), std::strlen(password));
+        must(login == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : login);
     }
-    must(softhsm->C_CloseSession(session));
-    return count;
-}
+    ~maintenance() { softhsm->C_CloseSession(session); }
 
-void shell(const std::string& command) {
-    if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
-        throw std::runtime_error(command);
+    std::vector<CK_OBJECT_HANDLE> objects() const {
+        std::vector<CK_OBJECT_HANDLE> found(32);
+        CK_ULONG count = 0;
+        must(softhsm->C_FindObjectsInit(session, nullptr, 0));
+        must(softhsm->C_FindObjects(session, found.data(), found.size(), &count));
+        must(softhsm->C_FindObjectsFinal(session));
+        found.resize(count);
+        return found;
     }
-}
+
+    CK_SESSION_HANDLE session = 0;
+};
 
 } // namespace
 
@@ -133,13 +135,16 @@ void makeToken(const std::string& folder) {
     std::ofstream(folder + "/softhsm2.conf")
         << "directories.tokendir = " << folder << "/tokens\nlog.level = ERROR\n";
     ::setenv("SOFTHSM2_CONF", (folder + "/softhsm2.conf").c_str(), 1);
-    shell("softhsm2-util --init-token --free --label Alice --so-pin 12345678 --pin " +
-          std::string(password));
-    certificateFile = folder + "/certificate";
+    const auto command = std::string("softhsm2-util --init-token --free --label Alice --pin ") +
+                         password + " --so-pin 12345678 >/dev/null";
+    must(std::system(command.c_str()) == 0 ? CKR_OK : CKR_FUNCTION_FAILED);
 }
 
 void empty() {
-    countObjects(true);
+    const maintenance with;
+    for (const auto object : with.objects()) {
+        must(softhsm->C_DestroyObject(with.session, object));
+    }
     reset();
 }
 
@@ -149,14 +154,18 @@ EU_KEY_MEDIA medium(const std::string& pin) {
     return media;
 }
 
-std::size_t objectCount() { return countObjects(false); }
+std::size_t objectCount() { return maintenance().objects().size(); }
 
-void store(const std::vector<unsigned char>& certificate) {
-    std::ofstream(certificateFile, std::ios::binary)
-        .write(reinterpret_cast<const char*>(certificate.data()),
-            static_cast<std::streamsize>(certificate.size()));
-    shell("pkcs11-tool --module " SOFTHSM_PATH " --token-label Alice --login --pin " +
-          std::string(password) + " --write-object " + certificateFile + " --type cert");
+void store(std::vector<unsigned char> certificate) {
+    CK_OBJECT_CLASS kind = CKO_CERTIFICATE;
+    CK_CERTIFICATE_TYPE type = CKC_X_509;
+    CK_BBOOL yes = CK_TRUE, no = CK_FALSE;
+    std::array<CK_ATTRIBUTE, 6> parts{{{CKA_CLASS, &kind, sizeof kind},
+        {CKA_CERTIFICATE_TYPE, &type, sizeof type}, {CKA_TOKEN, &yes, 1}, {CKA_PRIVATE, &no, 1},
+        {CKA_SUBJECT, &no, 1}, {CKA_VALUE, certificate.data(), certificate.size()}}};
+    CK_OBJECT_HANDLE made = 0;
+    const maintenance with;
+    must(softhsm->C_CreateObject(with.session, parts.data(), parts.size(), &made));
 }
 
 } // namespace layer
@@ -169,13 +178,22 @@ char* p11_kit_config_option(CK_FUNCTION_LIST*, const char*) { return nullptr; }
 
 CK_FUNCTION_LIST** p11_kit_modules_load(const char*, int) {
     wrapped = loaded();
-    wrap<&CK_FUNCTION_LIST::C_GetSlotList, &CK_FUNCTION_LIST::C_OpenSession,
+    if (const char* fail = std::getenv("LAYER_FAIL")) { // "call:result", from that call on
+        char* result = nullptr;
+        now.failAt = static_cast<int>(std::strtol(fail, &result, 10));
+        now.failure = std::strtoul(result + 1, nullptr, 16);
+        now.forGood = true;
+    }
+    if (const char* login = std::getenv("LAYER_LOGIN")) { // the result of the first one
+        now.login = {std::strtoul(login, nullptr, 16)};
+    }
+    wrap<&CK_FUNCTION_LIST::C_GetTokenInfo, &CK_FUNCTION_LIST::C_OpenSession,
         &CK_FUNCTION_LIST::C_FindObjectsInit, &CK_FUNCTION_LIST::C_FindObjects,
         &CK_FUNCTION_LIST::C_GetAttributeValue, &CK_FUNCTION_LIST::C_GenerateKeyPair,
         &CK_FUNCTION_LIST::C_DestroyObject, &CK_FUNCTION_LIST::C_SignInit,
         &CK_FUNCTION_LIST::C_Sign>();
     wrapped.C_Login = logIn;
-    wrapped.C_GetTokenInfo = tokenInfo;
+    wrapped.C_GetSlotList = slotList;
     wrapped.C_GetMechanismInfo = mechanismInfo;
     wrapped.C_SetAttributeValue =
         refusable<&interference::refuseChange, &CK_FUNCTION_LIST::C_SetAttributeValue>;

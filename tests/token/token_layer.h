@@ -14,13 +14,14 @@ inline constexpr const char* password = "246810";
 
 // What happens to the calls, until the next reset.
 struct interference {
-    int failAt = 0;            // the call, counted from 1, that fails
+    int failAt = 0; // the call, counted from 1, that fails
+    CK_RV failure = CKR_DEVICE_ERROR;
+    bool forGood = false;      // all calls from that one on fail, and no slot holds a token
     int dieAt = 0;             // the call before which the process ends at once
     std::vector<CK_RV> login;  // results of the next logins, instead of the token's
     bool refuseChange = false; // C_SetAttributeValue
     bool refuseCopy = false;   // C_CopyObject
     bool noCurves = false;     // mechanisms of elliptic curves
-    bool absent = false;       // the token is no longer in its slot
 };
 extern interference now;
 extern int calls; // since the last reset
@@ -37,6 +38,6 @@ EU_KEY_MEDIA medium(const std::string& password = layer::password);
 
 std::size_t objectCount();
 
-void store(const std::vector<unsigned char>& certificate);
+void store(std::vector<unsigned char> certificate);
 
 } // namespace layer
