@@ -56,11 +56,24 @@ static std::string transPlate() {
     return TextEncodeUtf8(TextTransPlate(wide).c_str());
 }
 
+// The arguments are the file, the size of its frame, and the region's place and size. The code, the
+// size, and all of a buffer that is larger than it needs to be.
+static std::string load(bool color) {
+    const auto at = [](int index) { return static_cast<std::uint16_t>(number(index)); };
+    std::string buffer(std::size_t{at(5)} * at(6) * (color ? 3 : 2) / 2 + 8, '#');
+    std::size_t size = 99;
+    const auto loader = color ? fsutils_load_i420 : fsutils_load_mono8;
+    const int code = loader(reinterpret_cast<std::uint8_t*>(buffer.data()), &size, argument[0],
+        at(1), at(2), at(3), at(4), at(5), at(6));
+    return std::to_string(code) + ' ' + std::to_string(size) + ' ' + buffer;
+}
+
 static const std::map<std::string, std::function<std::string()>> functions{
     {"create_dir_r", [] { return std::to_string(fsutils_create_dir_r(0775, argument[0])); }},
     {"rm_r", [] { return std::to_string(fsutils_rm_r(argument[0])); }},
     {"clear_dir", [] { return std::to_string(fsutils_clear_dir(argument[0])); }},
     {"cp", [] { return std::to_string(fsutils_cp(argument[0], argument[1])); }},
+    {"load_i420", [] { return load(true); }}, {"load_mono8", [] { return load(false); }},
     {"TextSplit", split}, {"TextDecodeParamValue", decodeParam},
     {"TextTrimL", [] { return TextTrimL(argument[0], argument[1], number(2)); }},
     {"TextTrimR", [] { return TextTrimR(argument[0], argument[1], number(2)); }},

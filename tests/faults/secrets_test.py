@@ -1,0 +1,100 @@
+#!/usr/bin/env python3
+"""secrets_test.py PROGRAM: a password is looked for wherever a command might leave it: on its command
+line, in its memory when it ends, in what it prints and logs, in a core dump."""
+
+import ctypes
+import os
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+
+from setting import PIN, PROGRAM, Setting
+
+TRACEME, SYSCALL, SETOPTIONS = 0, 24, 0x4200  # requests of ptrace
+TRACESYSGOOD, TRACEEXIT = 0x1, 0x40  # its options
+SYSTEM_CALL, EXIT = signal.SIGTRAP | 0x80, signal.SIGTRAP | 6 << 8  # what stops the process
+ptrace = ctypes.CDLL(None).ptrace
+ptrace.argtypes = ctypes.c_long, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p
+
+
+def begin():
+    ptrace(TRACEME, 0, None, None)
+    resource.setrlimit(resource.RLIMIT_CORE, (-1, -1))
+
+
+def memory(pid):
+    """All that the process may write to."""
+    with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", 0) as contents:
+        for place, rights, *_ in map(str.split, maps):
+            if rights.startswith("rw"):
+                start, end = (int(number, 16) for number in place.split("-"))
+                contents.seek(start)
+                yield contents.read(end - start)
+
+
+def watch(setting, password, command, crash=False):
+    """Runs a command from one system call to the next. The places where its password was found."""
+    secret, log, printed = password.encode(), setting.folder / "log", setting.folder / "printed"
+    shutil.rmtree(log, ignore_errors=True)
+    env = {name: value for name, value in setting.env.items() if name != "GNUTLS_PIN"}
+    with open(printed, "wb") as output:
+        process = subprocess.Popen(
+            command, cwd=setting.folder, env=env, stdin=subprocess.DEVNULL, stdout=output,
+            stderr=output, preexec_fn=begin)
+    process.returncode = 0  # only this function waits for it
+    pid = process.pid
+    found, seen, signalled = set(), False, 0
+    os.waitpid(pid, 0)
+    ptrace(SETOPTIONS, pid, None, TRACESYSGOOD | TRACEEXIT)
+    while True:
+        ptrace(SYSCALL, pid, None, signalled)
+        status = os.waitpid(pid, 0)[1]
+        if not os.WIFSTOPPED(status):
+            break
+        signalled = 0 if status >> 8 in (SYSTEM_CALL, EXIT) else os.WSTOPSIG(status)
+        with open(f"/proc/{pid}/cmdline", "rb") as line:
+            shown = secret in line.read()
+        seen |= shown
+        if shown and log.exists():
+            found.add("command line")
+        if status >> 8 == EXIT and any(secret in part for part in memory(pid)):
+            found.add("memory")
+        if crash and (log.exists() or command[0] != PROGRAM):
+            crash = os.kill(pid, signal.SIGABRT)
+    if os.WIFSIGNALED(status) and os.WCOREDUMP(status):
+        found.add("core dump")
+    if not seen:
+        found.add("nowhere, not even at the start: the test is blind")
+    for file in (printed, *log.rglob("*")):
+        if secret in file.read_bytes():
+            found.add(file.name)
+    return found
+
+
+failures = runs = 0
+with Setting() as place:
+    tokens = [(place.token_with_key("Short"), PIN)]
+    long_pin = "long-" * 12 + "pin."
+    tokens.append((place.bash(f"new_token Long {long_pin}"), long_pin))
+    for serial, pin in tokens:
+        for password in (pin, pin[:-1] + "x"):
+            for words in ("key create {} ds kep new.zip", "key test-access {}", "key test-valid {}",
+                          "key test-sign {}", "key test-all {}", "sign crt-info {}",
+                          "sign export-crt {} new.crt", "sign create-ext {} ds.pem new.p7s",
+                          "key delete {}"):
+                command = [PROGRAM, *words.format(f"{serial} {password}").split()]
+                places = watch(place, password, command)
+                failures += bool(places)
+                runs += 1
+                if places:
+                    print("FAILED:", *command, "leaves the password in:", *sorted(places))
+    print(f"passwords: {runs} runs, {failures} failures")
+    if "core dump" in watch(place, "77", ["sleep", "77"], crash=True):
+        dumped = "core dump" in watch(place, PIN, [PROGRAM, "key", "test-valid", "x", PIN], crash=True)
+        print("core dumps:", "FAILED" if dumped else "none")
+        failures += dumped
+    else:
+        print("core dumps: not tested, since this machine makes none")
+sys.exit(failures > 0)
