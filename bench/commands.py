@@ -2,15 +2,14 @@
 token and the same files. Of each list velmora's command is the first."""
 
 import hashlib
-import os
 import pathlib
 from dataclasses import replace
 
 from measure import Command
+from setting import PIN, PROGRAM
 
 SOFTHSM = "/usr/lib/softhsm/libsofthsm2.so"
 USAGE = pathlib.Path(__file__).parents[1] / "tests/tool/usage.txt"
-CURVE = "EC:prime256v1"
 
 
 def equals(text):
@@ -21,98 +20,86 @@ def holds(*texts):
     return lambda output: all(text in output for text in texts)
 
 
-class Commands:
-    def __init__(self, runner, program, serial, pin):
-        self.runner = runner
-        self.program = program
-        self.serial = serial
-        self.pin = pin
-        self.token = f"pkcs11:serial={serial}"
+def velmora(words, expected, **details):
+    return Command("velmora", [PROGRAM, *words.split()], expected, **details)
 
-    def velmora(self, *words, prints, **details):
-        return Command("velmora", [self.program, *words], equals(prints), **details)
 
-    def usage(self):
-        least = os.path.join(os.path.dirname(self.program), "one_line")
-        return [
-            self.velmora(prints=USAGE.read_text(), status=70),
-            Command("one line of C++", [least], equals("one line\n")),
-        ]
+def peer(line, expected, **details):
+    words = line.split()
+    return Command(words[0], words, expected, **details)
 
-    def media(self, serials):
-        """With as many tokens as serials: velmora lists them all, in whatever order."""
-        listed = lambda output: sorted(output.splitlines()) == sorted(serials)
-        return [
-            Command("velmora", [self.program, "media", "list"], listed),
-            Command("p11tool", ["p11tool", "--list-tokens"], holds(*serials)),
-            Command("pkcs11-tool", ["pkcs11-tool", "--module", SOFTHSM, "-L"], holds(*serials)),
-        ]
 
-    def password(self, pin):
-        login = ["pkcs11-tool", "--module", SOFTHSM, "--login", "--pin", pin, "-O"]
-        return [
-            self.velmora("key", "test-valid", self.serial, pin, prints="PASSED\n"),
-            Command("pkcs11-tool", login, holds("Private Key Object", "DS")),
-        ]
+def pkcs11_tool(words, expected):
+    return peer(f"pkcs11-tool --module {SOFTHSM} {words}", expected)
 
-    def sign(self, data, engine_module=SOFTHSM):
-        key = f"{self.token};object=DS;type=private"
-        openssl = ["openssl", "cms", "-sign", "-binary", "-engine", "pkcs11", "-keyform", "engine",
-                   "-inkey", f"{key};pin-value={self.pin}", "-signer", "ds.pem", "-nocerts",
-                   "-nosmimecap", "-cades", "-in", data, "-outform", "DER", "-out", "openssl.p7s"]
-        certtool = ["certtool", "--p7-detached-sign", "--p7-time", "--no-p7-include-cert",
-                    "--hash", "SHA256", "--load-privkey", key, "--load-certificate", "ds.pem",
-                    "--infile", data, "--outder", "--outfile", "certtool.p7s"]
-        env = {"PKCS11_MODULE_PATH": engine_module}
-        commands = [
-            self.velmora("sign", "create-ext", self.serial, self.pin, data, "velmora.p7s",
-                         prints="DONE\n"),
-            Command("openssl", openssl, equals('Engine "pkcs11" set.\n'), env=env),
-            Command("certtool", certtool, equals("")),
-        ]
-        for command in commands:
-            signature = pathlib.Path(f"{command.name}.p7s")
-            command.prepare = lambda made=signature: made.unlink(missing_ok=True)
-            command.check = lambda made=signature: self.runner.run(self.openssl_verify(
-                data, made, "-CAfile", "ca.pem"))
-        return commands
 
-    def openssl_verify(self, data, signature, *trust):
-        return Command("openssl", ["openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in",
-                                   signature, "-content", data, "-certfile", "ds.pem", "-nointern",
-                                   *trust, "-out", "/dev/null"], holds("Verification successful"))
+def usage():
+    least = str(pathlib.Path(PROGRAM).with_name("one_line"))
+    return [velmora("", equals(USAGE.read_text()), status=70),
+            Command("one line of C++", [least], equals("one line\n"))]
 
-    def verify(self, data, signature):
-        certtool = ["certtool", "--p7-verify", "--inder", "--infile", signature, "--load-data",
-                    data, "--load-certificate", "ds.pem"]
-        return [
-            self.velmora("sign", "verify", data, signature, "ds.pem", prints="PASSED\n"),
-            self.openssl_verify(data, signature, "-noverify"),
-            Command("certtool", certtool, holds("Signature status: ok")),
-        ]
 
-    def digest(self, data):
-        with open(data, "rb") as file:
-            right = hashlib.file_digest(file, "sha256").hexdigest()
-        return Command("openssl dgst", ["openssl", "dgst", "-sha256", data], holds(right))
+def media(serials):
+    """Velmora prints the serials and nothing else, in whatever order."""
+    return [velmora("media list", lambda output: sorted(output.split()) == sorted(serials)),
+            peer("p11tool --list-tokens", holds(*serials)), pkcs11_tool("-L", holds(*serials))]
 
-    def generation(self):
-        """Making and deleting a key, which is two pairs for velmora and one for its peers. Each run
-        of one is made ready, or undone and so checked, by the other."""
-        archive = pathlib.Path("requests.zip").absolute()
-        create = self.velmora("key", "create", self.serial, self.pin, "ds", "kep", archive,
-                              prints="DONE\n")
-        delete = self.velmora("key", "delete", self.serial, self.pin, prints="DONE\n")
-        make_pair = Command("pkcs11-tool", [
-            "pkcs11-tool", "--module", SOFTHSM, "--login", "--pin", self.pin, "--keypairgen",
-            "--key-type", CURVE, "--label", "pair"], holds("Key pair generated"))
-        delete_pair = Command("p11tool", [
-            "p11tool", "--batch", "--login", "--delete", f"{self.token};object=pair"],
-            holds("2 objects deleted"))
 
-        both = ((create, delete), (make_pair, delete_pair))
-        run = self.runner.run
-        return (
-            [replace(make, check=lambda undo=undo: run(undo)) for make, undo in both],
-            [replace(undo, prepare=lambda make=make: run(make)) for make, undo in both],
-        )
+def password(serial, pin):
+    return [velmora(f"key test-valid {serial} {pin}", equals("PASSED\n")),
+            pkcs11_tool(f"--login --pin {pin} -O", holds("Private Key Object", "DS"))]
+
+
+def sign(run, serial, data, engine_module=SOFTHSM):
+    """Every signature is checked with openssl, down to the certificate's issuer."""
+    key = f"pkcs11:serial={serial};object=DS;type=private"
+    commands = [
+        velmora(f"sign create-ext {serial} {PIN} {data} velmora.p7s", equals("DONE\n")),
+        peer(f"openssl cms -sign -binary -in {data} -engine pkcs11 -keyform engine"
+             f" -inkey {key};pin-value={PIN} -signer ds.pem -cades -nocerts -nosmimecap"
+             " -outform DER -out openssl.p7s", equals('Engine "pkcs11" set.\n'),
+             env={"PKCS11_MODULE_PATH": engine_module}),
+        peer(f"certtool --p7-detached-sign --infile {data} --load-privkey {key}"
+             " --load-certificate ds.pem --hash SHA256 --p7-time --no-p7-include-cert"
+             " --outder --outfile certtool.p7s", equals("")),
+    ]
+    for command in commands:
+        signature = pathlib.Path(f"{command.name}.p7s")
+        checking = openssl_verify(data, signature, "-CAfile ca.pem")
+        command.prepare = lambda signature=signature: signature.unlink(missing_ok=True)
+        command.check = lambda checking=checking: run(checking)
+    return commands
+
+
+def openssl_verify(data, signature, trust):
+    return peer(f"openssl cms -verify -binary -inform DER -in {signature} -content {data}"
+                f" -certfile ds.pem -nointern {trust} -out /dev/null",
+                equals("CMS Verification successful\n"))
+
+
+def verify(data, signature):
+    return [velmora(f"sign verify {data} {signature} ds.pem", equals("PASSED\n")),
+            openssl_verify(data, signature, "-noverify"),
+            peer(f"certtool --p7-verify --inder --infile {signature} --load-data {data}"
+                 " --load-certificate ds.pem", holds("Signature status: ok"))]
+
+
+def digest(data):
+    with open(data, "rb") as file:
+        right = hashlib.file_digest(file, "sha256").hexdigest()
+    return replace(peer(f"openssl dgst -sha256 {data}", holds(right)), name="openssl dgst")
+
+
+def make_and_delete(run, serial):
+    """A key, of two pairs; for the peers one pair. Each run of one command is made ready, or undone
+    and so checked, by the other."""
+    both = (
+        (velmora(f"key create {serial} {PIN} ds kep {pathlib.Path('requests.zip').absolute()}", equals("DONE\n")),
+         velmora(f"key delete {serial} {PIN}", equals("DONE\n"))),
+        (pkcs11_tool(f"--login --pin {PIN} --keypairgen --key-type EC:prime256v1 --label pair",
+                     holds("Key pair generated")),
+         peer(f"p11tool --batch --login --delete pkcs11:serial={serial};object=pair",
+              holds("2 objects deleted"))),
+    )
+    return ([replace(make, check=lambda delete=delete: run(delete)) for make, delete in both],
+            [replace(delete, prepare=lambda make=make: run(make)) for make, delete in both])

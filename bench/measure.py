@@ -6,7 +6,6 @@ import os
 import pathlib
 import re
 import shutil
-import statistics
 import time
 import typing
 
@@ -16,7 +15,7 @@ class Failed(Exception):
 
 
 def nothing():
-    """Where a command needs no preparation, or left nothing behind to check."""
+    """Where a command needs no preparation and leaves nothing behind to check."""
 
 
 @dataclasses.dataclass
@@ -37,24 +36,24 @@ class Runner:
         self.input = os.open("/dev/null", os.O_RDONLY)
         self.output = os.open("output", os.O_RDWR | os.O_CREAT | os.O_APPEND, 0o600)
 
-    def run(self, command, wrapper=()):
-        """The milliseconds that one checked run took."""
-        argv = [*map(str, (*wrapper, *command.argv))]
-        program, env = shutil.which(argv[0]) or argv[0], {**self.env, **command.env}
+    def run(self, command, wrapper=""):
+        """The milliseconds that one run took, which is checked."""
+        argv = [*wrapper.split(), *command.argv]
+        program, env = shutil.which(argv[0]), self.env | command.env
+        files = [(os.POSIX_SPAWN_DUP2, self.input, 0), (os.POSIX_SPAWN_DUP2, self.output, 1),
+                 (os.POSIX_SPAWN_DUP2, self.output, 2)]
         command.prepare()
-        os.ftruncate(self.output, 0)
-        files = [(os.POSIX_SPAWN_DUP2, self.input, 0)]
-        files += [(os.POSIX_SPAWN_DUP2, self.output, descriptor) for descriptor in (1, 2)]
+        os.truncate(self.output, 0)
 
         start = time.perf_counter_ns()
         child = os.posix_spawn(program, argv, env, file_actions=files)
         _, ending = os.waitpid(child, 0)
         elapsed = time.perf_counter_ns() - start
 
-        output = pathlib.Path("output").read_text(errors="replace")
         status = os.waitstatus_to_exitcode(ending)
+        output = pathlib.Path("output").read_text(errors="replace")
         if status != command.status or not command.expected(output):
-            raise Failed(f"{command.name}: exit status {status}, output {output[-300:]!r}")
+            raise Failed(f"{' '.join(argv)}: exit status {status}, output: {output[-500:]}")
         command.check()
         return elapsed / 1e6
 
@@ -68,8 +67,8 @@ class Runner:
 
     def alternate(self, commands, rounds, may_fail=False):
         """Runs the commands in turn, each round beginning with another one, after a first round that
-        does not count. Returns the milliseconds of all runs by name. A peer that may fail is left
-        out, without runs, if the first round shows that it cannot do the work."""
+        does not count. Returns the milliseconds of all runs by name. If peers may fail, one that
+        does so in the first round has no runs."""
         shutil.rmtree(self.log, ignore_errors=True)
         times = {command.name: [] for command in commands}
         able = []
@@ -87,19 +86,14 @@ class Runner:
         return times
 
     def peak(self, command):
-        """The most memory, in KiB, that a run held. It is started by a small program: a process
-        inherits the peak of the one that starts it."""
-        self.run(command, ["time", "-q", "-f", "%M", "-o", "peak"])
-        return int(pathlib.Path("peak").read_text())
+        """The most memory, in KiB, that a run held. A small program starts it, since a process
+        inherits the peak of the one that it was started from."""
+        self.run(command, "time -f %M -o peak")
+        return int(pathlib.Path("peak").read_text().splitlines()[-1])
 
     def instructions(self, command):
         """How many instructions a run took."""
-        shutil.rmtree(self.log, ignore_errors=True)
-        counter = ["valgrind", "--tool=callgrind", "--log-file=valgrind.log"]
-        self.run(command, [*counter, "--callgrind-out-file=callgrind.out"])
-        report = pathlib.Path("callgrind.out").read_text()
-        return int(re.search(r"^(?:summary|totals): (\d+)", report, re.MULTILINE)[1])
-
-
-def median(times):
-    return statistics.median(times) if times else None
+        self.run(command, "valgrind --tool=callgrind --log-file=valgrind.log"
+                          " --callgrind-out-file=callgrind.out")
+        counts = pathlib.Path("callgrind.out").read_text()
+        return int(re.search(r"^summary: (\d+)", counts, re.MULTILINE)[1])
