@@ -72,14 +72,15 @@ def sign(run, serial, data, engine_module=SOFTHSM):
 
 
 def openssl_verify(data, signature, trust):
+    """Without the system's certification authorities, which take it ten times as long to read."""
     return peer(f"openssl cms -verify -binary -inform DER -in {signature} -content {data}"
-                f" -certfile ds.pem -nointern {trust} -out /dev/null",
+                f" -certfile ds.pem -nointern {trust} -no-CApath -no-CAstore -out /dev/null",
                 equals("CMS Verification successful\n"))
 
 
 def verify(data, signature):
     return [velmora(f"sign verify {data} {signature} ds.pem", equals("PASSED\n")),
-            openssl_verify(data, signature, "-noverify"),
+            openssl_verify(data, signature, "-noverify -no-CAfile"),
             peer(f"certtool --p7-verify --inder --infile {signature} --load-data {data}"
                  " --load-certificate ds.pem", holds("Signature status: ok"))]
 

@@ -37,7 +37,7 @@ class Runner:
         self.output = os.open("output", os.O_RDWR | os.O_CREAT | os.O_APPEND, 0o600)
 
     def run(self, command, wrapper=""):
-        """The milliseconds that one run took, which is checked."""
+        """The milliseconds that one checked run took, and those of them on a processor."""
         argv = [*wrapper.split(), *command.argv]
         program, env = shutil.which(argv[0]), self.env | command.env
         files = [(os.POSIX_SPAWN_DUP2, self.input, 0), (os.POSIX_SPAWN_DUP2, self.output, 1),
@@ -47,7 +47,7 @@ class Runner:
 
         start = time.perf_counter_ns()
         child = os.posix_spawn(program, argv, env, file_actions=files)
-        _, ending = os.waitpid(child, 0)
+        _, ending, usage = os.wait4(child, 0)
         elapsed = time.perf_counter_ns() - start
 
         status = os.waitstatus_to_exitcode(ending)
@@ -55,7 +55,7 @@ class Runner:
         if status != command.status or not command.expected(output):
             raise Failed(f"{' '.join(argv)}: exit status {status}, output: {output[-500:]}")
         command.check()
-        return elapsed / 1e6
+        return elapsed / 1e6, (usage.ru_utime + usage.ru_stime) * 1e3
 
     def refused(self, command, why):
         """Makes sure that a command which should not succeed does not."""
@@ -67,8 +67,8 @@ class Runner:
 
     def alternate(self, commands, rounds, may_fail=False):
         """Runs the commands in turn, each round beginning with another one, after a first round that
-        does not count. Returns the milliseconds of all runs by name. If peers may fail, one that
-        does so in the first round has no runs."""
+        does not count. Returns what all runs took, by name. If peers may fail, one that does so in
+        the first round has no runs."""
         shutil.rmtree(self.log, ignore_errors=True)
         times = {command.name: [] for command in commands}
         able = []

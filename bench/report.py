@@ -27,10 +27,12 @@ def others(values, shown, but=None):
 
 
 def tables(results):
-    table("Work", "velmora", "Measured against", "Its time", "Ratio", "To reach", "Met", "Others",
+    table("Work", "velmora", "Measured against", "Its time", "Ratio", "CPU ratio", "To reach",
+          "Met", "Others",
           rows=[(row["work"], time(row["medians_ms"]["velmora"]), row["against"],
                  time(row["medians_ms"][row["against"]]), f"{row['ratio']:.2f}",
-                 row["target"] or "", verdict(row), others(row["medians_ms"], time, row["against"]))
+                 f"{row['cpu_ratio']:.2f}", row["target"] or "", verdict(row),
+                 others(row["medians_ms"], time, row["against"]))
                 for row in results["works"]])
     table("Peak memory", "velmora", "Allowed", "Met", "Others",
           rows=[(row["work"], memory(row["peaks_kib"]["velmora"]), memory(row["allowed_kib"]),

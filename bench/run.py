@@ -72,12 +72,13 @@ class Benchmark:
             times = self.runner.alternate([*contenders, limit], self.few_runs, may_fail=True)
         else:
             times = self.runner.alternate(contenders, runs or self.runs)
-        middle = medians(times)
-        against = limit.name if limit else min([*middle][1:], key=middle.get)
-        ratio = middle["velmora"] / middle[against]
+        whole, cpu = medians(times), medians(times, which=1)
+        against = limit.name if limit else min([*whole][1:], key=whole.get)
+        ratio = whole["velmora"] / whole[against]
         self.results["works"].append({
-            "work": name, "medians_ms": middle, "against": against, "ratio": ratio,
-            "target": target, "met": ratio <= target if target else None, "runs_ms": times})
+            "work": name, "medians_ms": whole, "against": against, "ratio": ratio,
+            "cpu_ratio": cpu["velmora"] / cpu[against], "target": target,
+            "met": ratio <= target if target else None, "runs_ms": times})
 
     def memory(self):
         usage, name = self.runner.peak(commands.usage()[0]), size(self.large)
@@ -148,8 +149,9 @@ class Benchmark:
         return data, signature
 
 
-def medians(times):
-    return {name: statistics.median(runs) if runs else None for name, runs in times.items()}
+def medians(times, which=0):
+    return {name: statistics.median(run[which] for run in runs) if runs else None
+            for name, runs in times.items()}
 
 
 def progress(text):
