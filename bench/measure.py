@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import shutil
+import sys
 import time
 import typing
 
@@ -14,18 +15,14 @@ class Failed(Exception):
     """A command did not do what it should."""
 
 
-def nothing():
-    """Where a command needs no preparation and leaves nothing behind to check."""
-
-
 @dataclasses.dataclass
 class Command:
     name: str
     argv: list
     expected: typing.Callable  # tells whether the output (standard error too) is as it should be
     status: int = 0
-    prepare: typing.Callable = nothing  # before every run
-    check: typing.Callable = nothing  # after every run; raises Failed
+    prepare: typing.Callable = lambda: None  # before every run
+    check: typing.Callable = lambda: None  # after every run; raises Failed
     env: dict = dataclasses.field(default_factory=dict)
 
 
@@ -65,11 +62,12 @@ class Runner:
             return
         raise Failed(f"{command.name} succeeds with {why}")
 
-    def alternate(self, commands, rounds, may_fail=False):
+    def alternate(self, work, commands, rounds, may_fail=False):
         """Runs the commands in turn, each round beginning with another one, after a first round that
         does not count. Returns what all runs took, by name. If peers may fail, one that does so in
         the first round has no runs."""
-        shutil.rmtree(self.log, ignore_errors=True)
+        print(f"bench: {work}", file=sys.stderr, flush=True)
+        shutil.rmtree(self.log, ignore_errors=True)  # all works find it as short
         times = {command.name: [] for command in commands}
         able = []
         for command in commands:
