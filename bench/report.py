@@ -17,6 +17,10 @@ def memory(kib):
     return f"{kib / 1024:,.1f} MiB"
 
 
+def millions(count):
+    return f"{count / 1e6:.2f} million"
+
+
 def verdict(row):
     return {True: "yes", False: "NO", None: ""}[row["met"]]
 
@@ -37,8 +41,9 @@ def tables(results):
     table("Peak memory", "velmora", "Allowed", "Met", "Others",
           rows=[(row["work"], memory(row["peaks_kib"]["velmora"]), memory(row["allowed_kib"]),
                  verdict(row), others(row["peaks_kib"], memory)) for row in results["memory"]])
-    table("One run", "Million instructions",
-          rows=[(name, f"{count / 1e6:.2f}") for name, count in results["instructions"].items()])
+    table("Instructions", "velmora", "Others",
+          rows=[(name, millions(counts["velmora"]), others(counts, millions))
+                for name, counts in results["instructions"].items()])
     for name, growth in results["growth"].items():
         table(name, *next(iter(growth.values())),
               rows=[(key, *map(time, row.values())) for key, row in growth.items()])

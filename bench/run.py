@@ -93,8 +93,9 @@ class Benchmark:
                 "key test-valid": commands.password(*self.serials, PIN),
                 "sign create-ext, 1 KiB": self.sign(data),
                 "sign verify, 1 KiB": commands.verify(data, signature)}
-        for name, (velmora, *_) in runs.items():
-            self.results["instructions"][name] = self.runner.instructions(velmora)
+        for name, contenders in runs.items():
+            self.results["instructions"][name] = {
+                command.name: self.runner.instructions(command) for command in contenders}
 
     def growth_with_size(self):
         growth = self.results["growth"]["Size"] = {}
