@@ -63,9 +63,9 @@ class Runner:
         raise Failed(f"{command.name} succeeds with {why}")
 
     def alternate(self, work, commands, rounds, may_fail=False):
-        """Runs the commands in turn, each round beginning with another one, after a first round that
-        does not count. Returns what all runs took, by name. If peers may fail, one that does so in
-        the first round has no runs."""
+        """Runs the commands in turn, each round beginning with another one, after a first round
+        that does not count. Returns what all runs took, by name. If peers may fail, one that does
+        so in the first round has no runs."""
         print(f"bench: {work}", file=sys.stderr, flush=True)
         shutil.rmtree(self.log, ignore_errors=True)  # all works find it as short
         times = {command.name: [] for command in commands}

@@ -16,9 +16,9 @@ def call(function, *arguments):
 
 
 def keep_softhsm_alone(folder):
-    """From here on, this process and those it starts find SoftHSM registered and no other module: in
-    a view of the file system that is theirs alone, set up once, so that it costs all of them the
-    same. It takes root, or a kernel that lets users have namespaces."""
+    """From here on, this process and those it starts find SoftHSM registered and no other module:
+    in a view of the file system that is theirs alone, set up once, so that it costs all of them
+    the same. It takes root, or a kernel that lets users have namespaces."""
     folder.mkdir()
     shutil.copy(REGISTERED[0] / "softhsm2.module", folder)
     libc = ctypes.CDLL(None, use_errno=True)

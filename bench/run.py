@@ -179,7 +179,7 @@ def main():
     loads.append(os.getloadavg()[0])
     cpu = pathlib.Path("/proc/cpuinfo").read_text().partition("model name\t: ")[2].split("\n")[0]
     about = (f"{time.strftime('%F %T %Z')}; {cpu}, {os.cpu_count()} cores, Linux"
-             f" {platform.release()}; {runs} runs; load {loads[0]:.1f} before, {loads[1]:.1f} after")
+             f" {platform.release()}; {runs} runs; load {loads[0]:.1f} before, {loads[1]:.1f} now")
     print(about)
     tables(benchmark.results)
     chosen.json.parent.mkdir(parents=True, exist_ok=True)
