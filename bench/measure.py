@@ -84,14 +84,14 @@ class Runner:
         return times
 
     def peak(self, command):
-        """The most memory, in KiB, that a run held. A small program starts it, since a process
+        """The most memory, in MiB, that a run held. A small program starts it, since a process
         inherits the peak of the one that it was started from."""
         self.run(command, "time -f %M -o peak")
-        return int(pathlib.Path("peak").read_text().splitlines()[-1])
+        return int(pathlib.Path("peak").read_text().splitlines()[-1]) / 1024
 
     def instructions(self, command):
-        """How many instructions a run took."""
+        """How many million instructions a run took."""
         self.run(command, "valgrind --tool=callgrind --log-file=valgrind.log"
                           " --callgrind-out-file=callgrind.out")
         counts = pathlib.Path("callgrind.out").read_text()
-        return int(re.search(r"^summary: (\d+)", counts, re.MULTILINE)[1])
+        return int(re.search(r"^summary: (\d+)", counts, re.MULTILINE)[1]) / 1e6

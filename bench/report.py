@@ -7,46 +7,35 @@ def size(length):
     return f"{length / unit:g} {name}"
 
 
-def time(milliseconds):
-    if milliseconds is None:
-        return "cannot do it"
-    return f"{milliseconds:.2f} ms" if milliseconds < 100 else f"{milliseconds:,.0f} ms"
+def amount(value, unit):
+    return "cannot do it" if value is None else f"{value:,.2f} {unit}"
 
 
-def memory(kib):
-    return f"{kib / 1024:,.1f} MiB"
-
-
-def millions(count):
-    return f"{count / 1e6:.2f} million"
+def others(values, unit, but=None):
+    return ", ".join(f"{name} {amount(value, unit)}" for name, value in values.items()
+                     if name not in ("velmora", but))
 
 
 def verdict(row):
     return {True: "yes", False: "NO", None: ""}[row["met"]]
 
 
-def others(values, shown, but=None):
-    return ", ".join(f"{name} {shown(value)}" for name, value in values.items()
-                     if name not in ("velmora", but))
-
-
 def tables(results):
     table("Work", "velmora", "Measured against", "Its time", "Ratio", "CPU ratio", "To reach",
-          "Met", "Others",
-          rows=[(row["work"], time(row["medians_ms"]["velmora"]), row["against"],
-                 time(row["medians_ms"][row["against"]]), f"{row['ratio']:.2f}",
-                 f"{row['cpu_ratio']:.2f}", row["target"] or "", verdict(row),
-                 others(row["medians_ms"], time, row["against"]))
-                for row in results["works"]])
-    table("Peak memory", "velmora", "Allowed", "Met", "Others",
-          rows=[(row["work"], memory(row["peaks_kib"]["velmora"]), memory(row["allowed_kib"]),
-                 verdict(row), others(row["peaks_kib"], memory)) for row in results["memory"]])
-    table("Instructions", "velmora", "Others",
-          rows=[(name, millions(counts["velmora"]), others(counts, millions))
-                for name, counts in results["instructions"].items()])
+          "Met", "Others", rows=[
+              (row["work"], amount(row["medians_ms"]["velmora"], "ms"), row["against"],
+               amount(row["medians_ms"][row["against"]], "ms"), f"{row['ratio']:.2f}",
+               f"{row['cpu_ratio']:.2f}", row["target"] or "", verdict(row),
+               others(row["medians_ms"], "ms", row["against"])) for row in results["works"]])
+    table("Peak memory", "velmora", "Allowed", "Met", "Others", rows=[
+        (row["work"], amount(row["peaks_mib"]["velmora"], "MiB"), amount(row["allowed_mib"], "MiB"),
+         verdict(row), others(row["peaks_mib"], "MiB")) for row in results["memory"]])
+    table("Instructions", "velmora", "Others", rows=[
+        (work, amount(millions["velmora"], "million"), others(millions, "million"))
+        for work, millions in results["instructions"].items()])
     for name, growth in results["growth"].items():
-        table(name, *next(iter(growth.values())),
-              rows=[(key, *map(time, row.values())) for key, row in growth.items()])
+        table(name, *next(iter(growth.values())), rows=[
+            (key, *(amount(value, "ms") for value in row.values())) for key, row in growth.items()])
 
 
 def table(*headings, rows):

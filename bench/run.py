@@ -25,7 +25,7 @@ from report import size, tables
 from setting import PIN, Setting
 
 KIB, MIB, GIB = 2**10, 2**20, 2**30
-ROOM = 24 * KIB  # the KiB of memory that a large file may cost
+ROOM = 24  # the MiB of memory that work on a large file may take
 
 
 class Benchmark:
@@ -55,7 +55,7 @@ class Benchmark:
         self.work("usage text", commands.usage(), 2.0)
         usage, (data, signature) = commands.usage()[0], self.signed(self.large)
         self.large_work("sign", self.sign(data), 1.05, self.runner.peak(usage) + ROOM)
-        self.large_work("verify", commands.verify(data, signature), 1.3, self.large // KIB + ROOM)
+        self.large_work("verify", commands.verify(data, signature), 1.3, self.large / MIB + ROOM)
 
     def refusals(self):
         """None of the checks that are timed may accept everything."""
@@ -74,7 +74,7 @@ class Benchmark:
         self.compare(name, target, times, limit.name)
         peaks = {command.name: self.runner.peak(command) for command in contenders
                  if times[command.name]}
-        self.results["memory"].append({"work": name, "peaks_kib": peaks, "allowed_kib": allowed,
+        self.results["memory"].append({"work": name, "peaks_mib": peaks, "allowed_mib": allowed,
                                        "met": peaks["velmora"] <= allowed})
 
     def compare(self, name, target, times, against=None):
