@@ -25,6 +25,12 @@ void* operator new(std::size_t size) {
     }
 }
 
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept try {
+    return operator new(size);
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
 void operator delete(void* block) noexcept {
     constexpr std::size_t largest = std::size_t{1} << 20; // beyond, it is a file's contents
     const std::size_t size = block != nullptr ? malloc_usable_size(block) : 0;
