@@ -31,14 +31,6 @@ TEST(cli_test, aRequestHoldsTheCommandLineAsItIs) {
     EXPECT_THROW(request.assert_env("C"), Orlek::not_found_error);
 }
 
-TEST(cli_test, theLogNameIsTheStartNameWithoutFolderAndExtension) {
-    const auto logName = [](const char* start) { return cli_request(start, {}, {}).getLogName(); };
-    EXPECT_EQ(logName("/opt/x.d/velmora"), "velmora");
-    EXPECT_EQ(logName("C:\\tools\\velmora.exe"), "velmora");
-    EXPECT_EQ(logName("archive.tar.gz"), "archive.tar");
-    EXPECT_EQ(logName(".velmora") + logName("bin/"), "");
-}
-
 TEST(cli_test, aResponseRendersTheErrorTextFirst) {
     std::ostringstream both;
     EXPECT_EQ(cli_response::done("", "").render(both, both), 0);

@@ -4,11 +4,10 @@
 #include <orlek/fsutils.h>
 #include <orlek/text.h>
 
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
-
-#include <dirent.h>
 
 using namespace Orlek::Support;
 
@@ -83,17 +82,13 @@ static const std::map<std::string, std::function<std::string()>> functions{
     {"TextToLower", [] { return TextToLower(argument[0]); }}, {"TextEncodeUtf8", encodeUtf8},
     {"TextDecodeUtf8", decodeUtf8}, {"TextTransPlate", transPlate}};
 
-static int openFiles() {
-    int count = 0;
-    DIR* files = opendir("/proc/self/fd");
-    while (readdir(files) != nullptr) { ++count; }
-    closedir(files);
-    return count;
+static auto openFiles() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 int main(int, char** argv) {
     argument = argv + 2;
-    const int before = openFiles();
+    const auto before = openFiles();
     try {
         std::cout << functions.at(argv[1])() << '\n';
     } catch (const Orlek::params_error&) { std::cout << "params_error\n"; }
