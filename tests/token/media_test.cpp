@@ -187,7 +187,8 @@ TEST(Fault, GenerationLeavesAWholeKeyOrNone) {
             EXPECT_TRUE(
                 made || result == EU_ERROR_KEY_MEDIAS_ACCESS_FAILED || layer::objectCount() == 0);
             EXPECT_EQ(generate(medium()), made ? EU_ERROR_KEY_EXISTS : EU_ERROR_NONE);
-            EXPECT_EQ(layer::objectCount(), 4U);
+            const auto count = layer::objectCount(); // a key that was copied may be left
+            EXPECT_TRUE(count == 4 || (made && count == 5)) << count;
         });
 }
 
