@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-static void atTheExit() { LogWrite("src/a.cpp", 42, "f", 2, "at the exit: %zu", std::size_t{3}); }
+static void atTheExit() { LogWrite("src/a.cpp", 42, "f", 4, "at the exit: %zu", std::size_t{3}); }
 
 int main(int, char** argv) {
     errno = ENOENT;
