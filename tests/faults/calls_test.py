@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""calls_test.py PROGRAM DOUBLES: every call of the program that can fail fails once, of EUSignCP and
-libzip as the doubles play them, and of the system for the files that it reads and writes."""
+"""calls_test.py PROGRAM DOUBLES: every call of the program that can fail fails once, of EUSignCP
+and libzip as the doubles play them, and of the system for the files that it reads and writes."""
 
 import collections
+import errno
 import os
 import re
 import shutil
@@ -11,8 +12,7 @@ import traceback
 
 from setting import PIN, Setting
 
-USAGE = "(usage)\n"
-FAIL, DONE, PASSED, FAILED = "FAIL\n", "DONE\n", "PASSED\n", "FAILED\n"
+USAGE, FAIL, DONE, PASSED, FAILED = "(usage)\n", "FAIL\n", "DONE\n", "PASSED\n", "FAILED\n"
 PERIOD = '{"min-time":"2024-01-31T09:05:00","max-time":"2026-12-31T23:59:58"}\n'
 
 
@@ -52,7 +52,7 @@ def check(holds, *what):
 
 
 class Run:
-    """A run on one medium, whose key is there until it is deleted; with what holds for every run."""
+    """A run on one medium, whose key is there until it is deleted; with what holds for each."""
 
     def __init__(self, setting, command, wrapper=(), libraries=sys.argv[2], **doubles):
         self.folder = setting.folder / "work"
@@ -72,8 +72,7 @@ class Run:
         self.name = f"{command} {doubles} {' '.join(wrapper)}\n{self.told}{ended}"
         unverified = self.out == FAILED and command.startswith("sign verify")
         status = 70 if self.out in (USAGE, FAIL) else 64 if unverified else 0
-        self.check(ended.returncode == status and not ended.stderr)
-        self.check("leak" not in self.told)
+        self.check(ended.returncode == status and not ended.stderr and "leak" not in self.told)
         for given, back in (
                 (r"EUInitialize\(\) = 0", r"EUFinalize\(\)"),
                 ("zip_open", "zip_close|zip_discard"),
@@ -161,19 +160,20 @@ def file_calls(setting):
         smooth = Run(setting, command, tracing, libraries)
         whole = (smooth.folder / made).stat().st_size
         smooth.check(smooth.out in (DONE, PASSED))
+        named = rf'{smooth.folder}/\w|"({"|".join(FILES)}|./.sign)'
         seen = collections.Counter()
         for line in (setting.folder / "trace").read_text().splitlines():
             call = line.partition("(")[0]
             seen[call] += 1
-            if call == "execve" or not re.search(rf'{smooth.folder}/\w|"({"|".join(FILES)}|./.sign)', line):
+            if call == "execve" or not re.search(named, line):
                 continue
-            for error, text in (("EIO", "Input/output error"), ("ENOSPC", "No space left on device"),
-                                ("EACCES", "Permission denied")):
-                inject = f"inject={call}:error={error}:when={seen[call]}"
+            for error in (errno.EIO, errno.ENOSPC, errno.EACCES):
+                inject = f"inject={call}:error={errno.errorcode[error]}:when={seen[call]}"
                 run = Run(setting, command, (*tracing, "-e", inject), libraries)
-                run.check("(INJECTED)" in (setting.folder / "trace").read_text())
+                trace = (setting.folder / "trace").read_text()
+                run.check(re.search(rf"^{call}\(.*INJECTED", trace, re.MULTILINE))
                 run.check(run.out == smooth.out or run.failed_for(
-                    f"{text}|actual-size:0|zip_open|the data file cannot|the signature file cannot"))
+                    f"{os.strerror(error)}|actual-size:0|zip_open|the (data|signature) file "))
                 run.check({each.name for each in run.folder.iterdir()} == FILES.keys())
                 left = (run.folder / made).read_bytes()
                 run.check(abs(len(left) - whole) < 8 if run.out == smooth.out else

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""secrets_test.py PROGRAM: a password is looked for wherever a command might leave it: on its command
-line, in its memory when it ends, in what it prints and logs, in a core dump. And a private key is
-asked what it would let out."""
+"""secrets_test.py PROGRAM: a password is looked for wherever a command might leave it: on its
+command line, in its memory when it ends, in what it prints and logs, in a core dump. And a private
+key is asked what it would let out."""
 
 import ctypes
 import os
@@ -77,10 +77,11 @@ def watch(setting, password, command, crash=False):
 failures = runs = 0
 with Setting() as place:
     tokens = [(place.token_with_key("Short"), PIN)]
-    kept = place.bash(f"pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin {PIN} "
-                      "--token-label Short --list-objects --type privkey | grep Access")
-    exposed = kept.count("sensitive, always sensitive, never extractable") != 2
-    print("private keys:", f"FAILED: {kept}" if exposed else "never out of the token")
+    kept = place.bash(
+        f"pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin {PIN} --token-label "
+        "Short --list-objects --type privkey | grep -c 'always sensitive, never extractable'")
+    exposed = kept != "2"
+    print("private keys:", "FAILED" if exposed else "never out of the token")
     long_pin = "long-" * 12 + "pin."
     tokens.append((place.bash(f"new_token Long {long_pin}"), long_pin))
     for serial, pin in tokens:
@@ -97,7 +98,8 @@ with Setting() as place:
                     print("FAILED:", *command, "leaves the password in:", *sorted(places))
     print(f"passwords: {runs} runs, {failures} failures")
     if "core dump" in watch(place, "77", ["sleep", "77"], crash=True):
-        dumped = "core dump" in watch(place, PIN, [PROGRAM, "key", "test-valid", "x", PIN], crash=True)
+        command = [PROGRAM, "key", "test-valid", "x", PIN]
+        dumped = "core dump" in watch(place, PIN, command, crash=True)
         print("core dumps:", "FAILED" if dumped else "none")
         failures += dumped
     else:

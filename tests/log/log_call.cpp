@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <string>
 
 static void atTheExit() { LogWrite("src/a.cpp", 42, "f", 4, "at the exit: %zu", std::size_t{3}); }
 

@@ -13,6 +13,7 @@
 #include <EUSignCP.h>
 
 #include <algorithm>
+#include <concepts>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -86,7 +87,7 @@ std::vector<std::string> mediaType(DWORD index) {
     return split(type, ',');
 }
 
-std::string show(DWORD value) { return std::to_string(value); }
+std::string show(std::integral auto value) { return std::to_string(value); }
 std::string show(const std::string& shown) { return shown; }
 std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
 std::string show(const void* pointer) { return pointer ? "set" : "null"; }
@@ -236,11 +237,12 @@ DWORD EUVerifyDataWithParams(
 
 DWORD EUGeneratePrivateKeyEx(
     const EU_KEY_MEDIA* media, BOOL set_password, DWORD keys, DWORD ds_spec, DWORD kep_spec,
-    const char* path, DWORD type, DWORD strength, const void* p9, BYTE** p10, DWORD* p11, BYTE** p12,
-    DWORD* p13, const void* p14, const void* p15, BYTE** ds, DWORD* ds_size, char* ds_name,
-    BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
-    return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type, strength, p9,
-                       p10, p11, p12, p13, p14, p15, show(*ds), show(*kep), p22, p23, p24), [&] {
+    const char* path, DWORD type, DWORD strength, const void* p9, BYTE** p10, DWORD* p11,
+    BYTE** p12, DWORD* p13, const void* p14, const void* p15, BYTE** ds, DWORD* ds_size,
+    char* ds_name, BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
+    return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type,
+                       strength, p9, p10, p11, p12, p13, p14, p15, show(*ds), show(*kep),
+                       p22, p23, p24), [&] {
         *ds = given.give<BYTE>("memory", "DS request");
         *kep = given.give<BYTE>("memory", "KEP request");
         *ds_size = 10;
