@@ -2,7 +2,8 @@
 # shellcheck shell=bash disable=SC2034
 
 build_packages=(g++ cmake ninja-build pkg-config libp11-kit-dev libssl-dev libzip-dev)
-test_packages=(libgtest-dev libgmock-dev softhsm2 gnutls-bin openssl opensc unzip)
+test_packages=(libgtest-dev libgmock-dev softhsm2 gnutls-bin openssl opensc unzip clang
+    libclang-rt-14-dev)
 lint_packages=(git clang clang-format clang-tidy shellcheck)
 
 is_installed() {
