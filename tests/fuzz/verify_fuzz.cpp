@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <optional>
+#include <string_view>
 
 namespace {
 
 using namespace std::literals;
 using text = std::string;
+using view = std::string_view;
 using replacement = std::optional<text>;
 using triple = std::array<text, 3>; // data, signature, certificate
 
@@ -30,20 +32,20 @@ void require(bool promise) {
     if (!promise) { std::abort(); }
 }
 
-const auto* raw(const text& bytes) { return reinterpret_cast<const unsigned char*>(bytes.data()); }
+const auto* raw(view bytes) { return reinterpret_cast<const unsigned char*>(bytes.data()); }
 
-text wrapped(int form, int tag, int kind, const text& content) {
+text wrapped(int form, int tag, int kind, view content) {
     std::array<unsigned char, 16> header{};
     auto* end = header.data();
     ASN1_put_object(&end, form, static_cast<int>(content.size()), tag, kind);
-    return text(header.data(), end) + content;
+    return text(header.data(), end).append(content);
 }
 
 // DER with its elements changed, and the lengths around them put right. A replacement takes an
 // element's place; where there is none, what is in the element is gone through.
-using change = std::function<replacement(int depth, const text& element)>;
+using change = std::function<replacement(int depth, view element)>;
 
-text changed(text encoding, const change& each, int depth = 0) {
+text changed(view encoding, const change& each, int depth = 0) {
     text out;
     while (!encoding.empty()) {
         const auto* start = raw(encoding);
@@ -51,37 +53,40 @@ text changed(text encoding, const change& each, int depth = 0) {
         int tag = 0;
         int kind = 0;
         const int form = ASN1_get_object(&start, &size, &tag, &kind, std::ssize(encoding));
-        const auto content = encoding.begin() + (start - raw(encoding));
-        const auto end = form == 0 || form == V_ASN1_CONSTRUCTED ? content + size : encoding.end();
-        const text element(encoding.begin(), end);
-        auto result = each(depth, element);
-        if (!result && form == V_ASN1_CONSTRUCTED) {
-            result = wrapped(form, tag, kind, changed({content, end}, each, depth + 1));
+        const auto* content = encoding.begin() + (start - raw(encoding));
+        const bool whole = form == 0 || form == V_ASN1_CONSTRUCTED;
+        const view element(encoding.begin(), whole ? content + size : encoding.end());
+        if (const auto result = each(depth, element)) {
+            out += *result;
+        } else if (form == V_ASN1_CONSTRUCTED) {
+            const auto inside = changed({content, element.end()}, each, depth + 1);
+            out += wrapped(form, tag, kind, inside);
+        } else {
+            out += element;
         }
-        out += result.value_or(element);
-        encoding.erase(encoding.begin(), end);
+        encoding.remove_prefix(element.size());
     }
     return out;
 }
 
-std::vector<text> elements(const text& encoding) {
-    std::vector<text> all;
-    changed(encoding, [&](int, auto& each) { return all.push_back(each), std::nullopt; });
+std::vector<view> elements(view encoding) {
+    std::vector<view> all;
+    changed(encoding, [&](int, view each) { return all.push_back(each), std::nullopt; });
     return all;
 }
 
-bool areAttributes(int depth, const text& each) { return depth == 5 && each[0] == '\xA0'; }
+bool areAttributes(int depth, view each) { return depth == 5 && each[0] == '\xA0'; }
 
 // A message without what CMS lets anybody change: the signer's certificate in it, and the NULL that
 // an algorithm without parameters may have.
-text essence(const text& message, const text& own) {
-    const auto bare = changed(message, [&](int depth, auto& each) -> replacement {
-        if (areAttributes(depth, each)) { return each; }
-        const bool free = each == "\5\0"s || (depth == 4 && each == own);
+text essence(view message, view own) {
+    const auto bare = changed(message, [&](int depth, view each) -> replacement {
+        if (areAttributes(depth, each)) { return text(each); }
+        const bool free = each == "\5\0"sv || (depth == 4 && each == own);
         return free ? replacement("") : std::nullopt;
     });
-    return changed(bare, [](int depth, auto& each) -> replacement {
-        return depth == 3 && each == "\xA0\0"s ? replacement("") : std::nullopt;
+    return changed(bare, [](int depth, view each) -> replacement {
+        return depth == 3 && each == "\xA0\0"sv ? replacement("") : std::nullopt;
     });
 }
 
@@ -96,7 +101,7 @@ bool isGood(const triple& parts) {
     });
 }
 
-text signatureOf(const text& content, EVP_PKEY* key) {
+text signatureOf(view content, EVP_PKEY* key) {
     using freed = made::freed<EVP_MD_CTX, EVP_MD_CTX_free>;
     const std::unique_ptr<EVP_MD_CTX, freed> context(EVP_MD_CTX_new());
     std::array<unsigned char, 512> signature{};
@@ -149,16 +154,17 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
         const auto donors = elements(other.parts[roll(3)]);
         const auto& donor = donors[roll(donors.size())];
         auto left = roll(elements(part).size() + 1);
-        part = changed(part, [&](int, text each) -> replacement {
+        part = changed(part, [&](int, view element) -> replacement {
             if (left-- != 0) { return std::nullopt; }
+            text each(element);
             switch (roll(7)) {
             case 0:
                 each[roll(2) * roll(each.size())] ^= static_cast<char>(1U << roll(8));
                 return each;
             case 1: return each[0] + wrapped(0, 0, 0, input.ConsumeRandomLengthString()).substr(1);
             case 2: return each.insert(1, "\x81"); // the length as no DER has it
-            case 3: return donor;
-            case 4: return each + donor;
+            case 3: return text(donor);
+            case 4: return each.append(donor);
             case 5: return each.insert(roll(each.size()), input.ConsumeRandomLengthString(8));
             default: return "";
             }
@@ -166,9 +172,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     }
     auto& [data, message, certificate] = parts;
     auto content = data; // that is signed, unless there are attributes
-    const change finish = [&](int depth, auto& each) -> replacement {
+    const change finish = [&](int depth, view each) -> replacement {
         if (areAttributes(depth, each)) {
-            content = "\x31" + each.substr(1);
+            content = "\x31"s.append(each.substr(1));
             return act == what::attributes_as_data ? replacement("") : std::nullopt;
         }
         if (act == what::attributes_as_data || depth != 5 || each[0] != V_ASN1_OCTET_STRING) {

@@ -15,8 +15,8 @@ inline const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
 inline made::key ecKey() { return made::key(EVP_EC_gen("P-256")); }
 
 inline const made::key& authority() {
-    static const made::key key = ecKey();
-    return key;
+    static const made::key only = ecKey();
+    return only;
 }
 
 struct signer {
@@ -40,30 +40,30 @@ struct how {
 
 inline bytes sign(const signer& by, const how& with = {}) {
     const unsigned flags = CMS_BINARY | CMS_PARTIAL | with.flags;
-    const made::message message(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
-    CMS_SignerInfo* signer = CMS_add1_signer(message.get(), by.certificate.get(), by.key.get(),
+    const message made(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
+    CMS_SignerInfo* signer = CMS_add1_signer(made.get(), by.certificate.get(), by.key.get(),
         with.digest, flags | (with.pss ? CMS_KEY_PARAM : 0U));
     if (with.pss) {
         EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
     }
-    if (with.change) { with.change(message.get(), signer); }
+    if (with.change) { with.change(made.get(), signer); }
     BIO* input = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
-    CMS_final(message.get(), input, nullptr, flags | CMS_DETACHED);
+    CMS_final(made.get(), input, nullptr, flags | CMS_DETACHED);
     BIO_free(input);
-    return made::der(message.get(), i2d_CMS_ContentInfo);
+    return der(made.get(), i2d_CMS_ContentInfo);
 }
 
-inline bytes pem(const made::certificate& certificate) {
+inline bytes pem(const certificate& object) {
     char* start = nullptr;
     BIO* written = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(written, certificate.get());
+    PEM_write_bio_X509(written, object.get());
     const long size = BIO_get_mem_data(written, &start);
     const bytes text(start, start + size);
     BIO_free(written);
     return text;
 }
 
-// How to sign so that every byte of the certificate matters; not named by its hash in the last one.
+// Signatures that are tied to the certificate to its last byte: by its hash, in the last by a copy.
 struct kind {
     signer by;
     bytes signature;
@@ -71,8 +71,8 @@ struct kind {
 
 inline std::vector<kind> kinds() {
     std::vector<kind> all;
-    const auto add = [&all](EVP_PKEY* key, const how& with) {
-        signer by(key);
+    const auto add = [&all](EVP_PKEY* owned, const how& with) {
+        signer by(owned);
         auto signature = sign(by, with);
         all.push_back({std::move(by), std::move(signature)});
     };
