@@ -69,9 +69,13 @@ text changed(view encoding, const change& each, int depth = 0) {
     return out;
 }
 
-std::vector<view> elements(view encoding) {
+// The elements of an encoding, down to a depth.
+std::vector<view> elements(view encoding, int deepest) {
     std::vector<view> all;
-    changed(encoding, [&](int, view each) { return all.push_back(each), std::nullopt; });
+    changed(encoding, [&](int depth, view each) {
+        all.push_back(each);
+        return depth == deepest ? replacement(each) : std::nullopt;
+    });
     return all;
 }
 
@@ -151,11 +155,12 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     auto parts = from.parts;
     for (int edits = 0; edits < 8 && input.remaining_bytes() > 0; ++edits) {
         auto& part = parts[roll(3)];
-        const auto donors = elements(other.parts[roll(3)]);
+        const auto deepest = static_cast<int>(roll(17)); // near the top most is unsigned
+        const auto donors = elements(other.parts[roll(3)], deepest);
         const auto& donor = donors[roll(donors.size())];
-        auto left = roll(elements(part).size() + 1);
-        part = changed(part, [&](int, view element) -> replacement {
-            if (left-- != 0) { return std::nullopt; }
+        auto left = roll(elements(part, deepest).size() + 1);
+        part = changed(part, [&](int depth, view element) -> replacement {
+            if (left-- != 0) { return depth == deepest ? replacement(element) : std::nullopt; }
             text each(element);
             switch (roll(7)) {
             case 0:
@@ -163,9 +168,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
                 return each;
             case 1: return each[0] + wrapped(0, 0, 0, input.ConsumeRandomLengthString()).substr(1);
             case 2: return each.insert(1, "\x81"); // the length as no DER has it
-            case 3: return text(donor);
-            case 4: return each.append(donor);
-            case 5: return each.insert(roll(each.size()), input.ConsumeRandomLengthString(8));
+            case 3: return each.insert(roll(each.size()), input.ConsumeRandomLengthString(8));
+            case 4: return text(donor);
+            case 5:
+                each.append(donor)[element.size()] ^= static_cast<char>(roll(2)); // tag
+                return each;
             default: return "";
             }
         });
