@@ -33,10 +33,14 @@ def pkcs11_tool(words, expected):
     return peer(f"pkcs11-tool --module {SOFTHSM} {words}", expected)
 
 
+def beside(name):
+    """A program of the benchmark's own, built along with velmora."""
+    return str(pathlib.Path(PROGRAM).with_name(name))
+
+
 def usage():
-    least = str(pathlib.Path(PROGRAM).with_name("one_line"))
     return [velmora("", equals(USAGE.read_text()), status=70),
-            Command("one line of C++", [least], equals("one line\n"))]
+            Command("one line of C++", [beside("one_line")], equals("one line\n"))]
 
 
 def media(serials):
@@ -68,7 +72,8 @@ def sign(run, serial, data, engine_module=SOFTHSM):
         checking = openssl_verify(data, signature, "-CAfile ca.pem")
         command.prepare = lambda signature=signature: signature.unlink(missing_ok=True)
         command.check = lambda checking=checking: run(checking)
-    return commands
+    least = [beside("least_signature"), SOFTHSM, PIN, "DS"]
+    return [*commands, Command("token alone", least, equals(""), is_peer=False)]
 
 
 def openssl_verify(data, signature, trust):
@@ -82,7 +87,9 @@ def verify(data, signature):
     return [velmora(f"sign verify {data} {signature} ds.pem", equals("PASSED\n")),
             openssl_verify(data, signature, "-noverify -no-CAfile"),
             peer(f"certtool --p7-verify --inder --infile {signature} --load-data {data}"
-                 " --load-certificate ds.pem", holds("Signature status: ok"))]
+                 " --load-certificate ds.pem", holds("Signature status: ok")),
+            Command("certificate alone", [beside("least_verification"), "ds.pem"], equals(""),
+                    is_peer=False)]
 
 
 def digest(data):

@@ -21,6 +21,7 @@ class Command:
     argv: list
     expected: typing.Callable  # tells whether the output (standard error too) is as it should be
     status: int = 0
+    is_peer: bool = True  # does the same work, so the ratio may be to it
     prepare: typing.Callable = lambda: None  # before every run
     check: typing.Callable = lambda: None  # after every run; raises Failed
     env: dict = dataclasses.field(default_factory=dict)
