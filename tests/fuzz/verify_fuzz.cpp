@@ -1,11 +1,12 @@
 // Hostile triples of data, signature and certificate. An input says which good one to start from,
 // how to edit it, and whether its key is to sign the result anew, so that changed attributes get
 // past the arithmetic.
-#include "../token/signatures.h"
+#include "../token/certificates.h"
 
 #include <EUSignCP.h>
 
 #include <algorithm>
+#include <array>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <optional>
 #include <string_view>

@@ -1,7 +1,6 @@
 // Verification of signatures made by OpenSSL, by the library, and by nobody.
 
 #include "calls.h"
-#include "signatures.h"
 
 namespace {
 
