@@ -20,20 +20,22 @@ bool holdsKey() {
     return exists != 0;
 }
 
-void listMedia() {
+DWORD listMedia() {
     std::array<char, EU_DESCRIPTION_SIZE> serial{};
-    EXPECT_EQ(EUEnumKeyMediaDevices(0, 0, serial.data()), EU_ERROR_NONE);
+    return EUEnumKeyMediaDevices(0, 0, serial.data());
 }
 
 TEST(Media, AreListedAfreshAndKept) {
-    layer::empty();
-    std::array<char, EU_DESCRIPTION_SIZE> type{};
-    std::array<char, EU_DESCRIPTION_SIZE> serial{};
-    EXPECT_EQ(EUEnumKeyMediaTypes(0, type.data()), EU_ERROR_NONE);
-    EXPECT_STREQ(type.data(), "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1\xCA");
-    EXPECT_EQ(EUEnumKeyMediaTypes(1, type.data()), EU_WARNING_END_OF_ENUM);
-    EXPECT_EQ(EUEnumKeyMediaDevices(0, 0, serial.data()), EU_ERROR_NONE);
-    EXPECT_EQ(EUEnumKeyMediaDevices(0, 1, serial.data()), EU_WARNING_END_OF_ENUM);
+    std::array<char, EU_DESCRIPTION_SIZE> text{};
+    EXPECT_EQ(EUEnumKeyMediaTypes(0, text.data()), EU_ERROR_NONE);
+    EXPECT_STREQ(text.data(), "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1\xCA");
+    EXPECT_EQ(EUEnumKeyMediaTypes(1, text.data()), EU_WARNING_END_OF_ENUM);
+    EXPECT_EQ(listMedia(), EU_ERROR_NONE);
+    EXPECT_EQ(EUEnumKeyMediaDevices(0, 1, text.data()), EU_WARNING_END_OF_ENUM);
+    layer::now = {.failAt = 1, .failure = CKR_TOKEN_NOT_PRESENT, .forGood = true};
+    EXPECT_EQ(listMedia(), EU_WARNING_END_OF_ENUM);
+    layer::reset();
+    EXPECT_EQ(listMedia(), EU_ERROR_NONE);
 
     BOOL exists = 0;
     const EU_KEY_MEDIA other{.dwTypeIndex = 0, .dwDevIndex = 5, .szPassword = {}};
@@ -53,8 +55,6 @@ TEST(Media, EveryCodeHasATextOfItsOwn) {
 
 TEST(Password, EachRefusalHasItsCode) {
     makeSigner();
-    EXPECT_EQ(opened_key(medium("wrong-one")).result, EU_ERROR_PASSWORD_INCORRECT);
-    EXPECT_EQ(opened_key(medium("1")).result, EU_ERROR_PASSWORD_LENGTH);
     EXPECT_EQ(opened_key(medium("")).result, EU_ERROR_PASSWORD_LENGTH);
     const std::map<CK_RV, DWORD> refusals{{CKR_PIN_INCORRECT, EU_ERROR_PASSWORD_INCORRECT},
         {CKR_PIN_LOCKED, EU_ERROR_PASSWORD_LOCKED}, {CKR_PIN_LEN_RANGE, EU_ERROR_PASSWORD_LENGTH},
@@ -162,7 +162,7 @@ void failEachCall(Prepare prepare, Act act, Check check) {
         bool reached = true;
         for (int k = 1; reached; ++k) {
             prepare();
-            listMedia();
+            EXPECT_EQ(listMedia(), EU_ERROR_NONE);
             layer::reset();
             layer::now.failAt = k;
             layer::now.failure = code;
