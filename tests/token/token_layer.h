@@ -16,12 +16,12 @@ inline constexpr const char* password = "246810";
 struct interference {
     int failAt = 0; // the call, counted from 1, that fails
     CK_RV failure = CKR_DEVICE_ERROR;
-    bool forGood = false;      // all calls from that one on fail, and no slot holds a token
-    int dieAt = 0;             // the call before which the process ends at once
-    std::vector<CK_RV> login;  // results of the next logins, instead of the token's
-    bool refuseChange = false; // C_SetAttributeValue
-    bool refuseCopy = false;   // C_CopyObject
-    bool noCurves = false;     // mechanisms of elliptic curves
+    bool forGood = false;          // all calls from that one on fail, and no slot holds a token
+    int dieAt = 0;                 // the call before which the process ends at once
+    std::vector<CK_RV> login = {}; // results of the next logins, instead of the token's
+    bool refuseChange = false;     // C_SetAttributeValue
+    bool refuseCopy = false;       // C_CopyObject
+    bool noCurves = false;         // mechanisms of elliptic curves
 };
 extern interference now;
 extern int calls; // since the last reset
