@@ -1,6 +1,7 @@
 #include "key_pairs.h"
 
 #include "certificate.h"
+#include "locks.h"
 #include "private_key.h"
 #include "request.h"
 
@@ -313,6 +314,7 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_
 
 key_requests generateKeys(const token& on, std::string_view password) {
     require((present(on).flags & CKF_WRITE_PROTECTED) == 0, EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED);
+    const keys_lock lock(on.serial);
     session with(on, session::mode::read_write);
     with.login(password);
     require(signingKeys(with).empty(), EU_ERROR_KEY_EXISTS);
@@ -329,6 +331,7 @@ key_requests generateKeys(const token& on, std::string_view password) {
 }
 
 void destroyKeys(const token& on, std::string_view password) {
+    const keys_lock lock(on.serial);
     session with(on, session::mode::read_write);
     with.login(password);
     const auto objects = belongings(with, signingKey(with));

@@ -71,7 +71,7 @@ public:
     std::vector<CK_OBJECT_HANDLE> find(attributes& wanted) const;
     std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const;
 
-    // An attribute of an object; nothing if the object does not have it or hides it.
+    // An attribute of an object; nothing if the object does not have it, hides it or has gone.
     std::optional<bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     std::optional<CK_ULONG> number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     bool flag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
