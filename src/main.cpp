@@ -2,6 +2,7 @@
 #include "engine.h"
 #include "eusign/api.h"
 #include "fs/api.h"
+#include "secrets.h"
 
 #include <orlek/cli.h>
 #include <orlek/errors.h>
@@ -32,13 +33,15 @@ static void occupyStandardStreams() {
 }
 
 int main(int argc, char** argv) {
+    Velmora::forbidDumps();
     occupyStandardStreams();
-    const auto request = cli_request::create(argc, argv, nullptr);
-    const int logLevel = request.getLogLevel();
-    LogOpen2(request.getLogName().c_str(), logLevel, 0);
-
     auto response = cli_response::fail_internal("FAIL\n", "");
     try {
+        const auto request = cli_request::create(argc, argv, nullptr);
+        Velmora::wipeParameters(argc, argv);
+        const int logLevel = request.getLogLevel();
+        LogOpen2(request.getLogName().c_str(), logLevel, 0);
+
         const auto fs = Velmora::Fs::Api__Create();
         const auto eusign = Velmora::Eusign::Api__Create(fs);
         Velmora::cli_engine engine({eusign});
@@ -48,6 +51,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         LogWrite(ORLEK_HERE, Orlek::log_failure, "fail: exception <%s>", error.what());
     }
+    Velmora::wipeStack();
 
     // A reader that has gone away does not change the exit status.
     (void)std::signal(SIGPIPE, SIG_IGN);

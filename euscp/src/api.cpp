@@ -48,21 +48,19 @@ std::string_view passwordOf(const EU_KEY_MEDIA& medium) {
     return {medium.szPassword, end};
 }
 
-// The token of a key medium, which is still where it was listed.
+// The token of a key medium, as it was listed last.
 const token& tokenOf(const EU_KEY_MEDIA& medium) {
     require(medium.dwTypeIndex == token_type, EU_ERROR_BAD_PARAMETER);
     if (!devices()) {
         devices() = listTokens();
     }
     require(medium.dwDevIndex < devices()->size(), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
-    const token& found = (*devices())[medium.dwDevIndex];
-    present(found);
-    return found;
+    return (*devices())[medium.dwDevIndex];
 }
 
-EU_CERT_OWNER_INFO ownerOf(private_key& key) {
+EU_CERT_OWNER_INFO ownerOf(const private_key& key) {
     try {
-        return named<EU_CERT_OWNER_INFO>(key.certificate().get());
+        return named<EU_CERT_OWNER_INFO>(key.certificate());
     } catch (const failure& e) {
         require(e.code == EU_ERROR_CERT_NOT_FOUND, e.code);
         return {};
@@ -75,6 +73,18 @@ void requireSignable(DWORD algorithm, BOOL external) {
 }
 
 } // namespace
+
+DWORD EUInitialize() {
+    return guarded([] {
+        // Neither what openssl.cnf or the environment may name, code to be loaded among it, nor
+        // the texts of errors, which nobody asks for. Its memory goes with the process, which ends
+        // sooner without a cleaning up that a module's own handlers might run into.
+        constexpr std::uint64_t options = OPENSSL_INIT_NO_LOAD_CONFIG |
+                                          OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
+                                          OPENSSL_INIT_NO_ATEXIT;
+        succeed(OPENSSL_init_crypto(options, nullptr));
+    });
+}
 
 DWORD EUEnumKeyMediaDevices(DWORD dwTypeIndex, DWORD dwDevIndex, char* pszDescription) {
     return guarded([&] {
@@ -142,12 +152,12 @@ DWORD EUCtxGetOwnCertificate(
         require(
             dwCertKeyType == EU_CERT_KEY_TYPE_OWN && dwKeyUsage == EU_KEY_USAGE_SIGNATURE,
             EU_ERROR_BAD_PARAMETER);
-        const auto certificate = static_cast<private_key*>(pvPrivateKey)->certificate();
-        parcel encoding(encoded(certificate.get(), i2d_X509));
-        const SYSTEMTIME begin = systemTime(X509_get0_notBefore(certificate.get()));
-        const SYSTEMTIME end = systemTime(X509_get0_notAfter(certificate.get()));
+        X509* const certificate = static_cast<private_key*>(pvPrivateKey)->certificate();
+        parcel encoding(encoded(certificate, i2d_X509));
+        const SYSTEMTIME begin = systemTime(X509_get0_notBefore(certificate));
+        const SYSTEMTIME end = systemTime(X509_get0_notAfter(certificate));
         auto info = std::make_unique<EU_CERT_INFO_EX>();
-        *info = named<EU_CERT_INFO_EX>(certificate.get());
+        *info = named<EU_CERT_INFO_EX>(certificate);
         info->stCertBeginTime = begin;
         info->stCertEndTime = end;
         *ppInfo = info.release();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <string_view>
 
@@ -68,6 +69,27 @@ bool better(const x509_ptr& one, const x509_ptr& other) {
     return ASN1_TIME_compare(X509_get0_notAfter(one.get()), X509_get0_notAfter(other.get())) > 0;
 }
 
+x509_ptr lenientlyParsed(view der) {
+    const unsigned char* end = der.data();
+    return x509_ptr(d2i_X509(nullptr, &end, static_cast<long>(der.size())));
+}
+
+// What every encoding of the public key holds as it is: the modulus, or the point's x-coordinate.
+// To look for it spares the decoding of other keys' certificates, which takes longer than reading
+// them.
+bytes hallmark(const EVP_PKEY* publicKey) {
+    const bool rsa = EVP_PKEY_is_a(publicKey, "RSA") == 1;
+    BIGNUM* number = nullptr;
+    succeed(EVP_PKEY_get_bn_param(
+        publicKey,
+        rsa ? OSSL_PKEY_PARAM_RSA_N : OSSL_PKEY_PARAM_EC_PUB_X,
+        &number));
+    const owned<BIGNUM, BN_free> owner(number);
+    bytes digits(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, digits.data());
+    return digits;
+}
+
 } // namespace
 
 x509_ptr parseCertificate(view encoding) {
@@ -78,37 +100,29 @@ x509_ptr parseCertificate(view encoding) {
 
 x509_ptr certificateIn(const session& on, CK_OBJECT_HANDLE object) {
     const auto value = on.value(object, CKA_VALUE);
-    const unsigned char* end = value ? value->data() : nullptr;
-    return x509_ptr(value ? d2i_X509(nullptr, &end, static_cast<long>(value->size())) : nullptr);
+    return value ? lenientlyParsed(*value) : nullptr;
 }
 
-std::vector<x509_ptr> certificatesOn(const session& on) {
+std::vector<x509_ptr> certificatesOf(const session& on, const EVP_PKEY* publicKey) {
+    const bytes mark = hallmark(publicKey);
     std::vector<x509_ptr> certificates;
     for (const CK_OBJECT_HANDLE object : on.find(CKO_CERTIFICATE)) {
-        if (auto certificate = certificateIn(on, object)) {
+        const bytes value = on.value(object, CKA_VALUE).value_or(bytes{});
+        if (std::search(value.begin(), value.end(), mark.begin(), mark.end()) == value.end()) {
+            continue;
+        }
+        auto certificate = lenientlyParsed(value);
+        if (certificate && EVP_PKEY_eq(X509_get0_pubkey(certificate.get()), publicKey) == 1) {
             certificates.push_back(std::move(certificate));
         }
     }
     return certificates;
 }
 
-bool holdsKey(const x509_ptr& certificate, const EVP_PKEY* publicKey) {
-    return EVP_PKEY_eq(X509_get0_pubkey(certificate.get()), publicKey) == 1;
-}
-
-bool holdsKey(const std::vector<x509_ptr>& certificates, const EVP_PKEY* publicKey) {
-    return std::ranges::any_of(certificates, [publicKey](const x509_ptr& each) {
-        return holdsKey(each, publicKey);
-    });
-}
-
 x509_ptr ownCertificate(const session& on, const EVP_PKEY* publicKey) {
-    auto certificates = certificatesOn(on);
-    std::erase_if(certificates, [publicKey](const x509_ptr& each) {
-        return !holdsKey(each, publicKey);
-    });
-    require(!certificates.empty(), EU_ERROR_CERT_NOT_FOUND);
-    return std::move(*std::ranges::min_element(certificates, better));
+    auto certificates = certificatesOf(on, publicKey);
+    const auto best = std::ranges::min_element(certificates, better);
+    return best != certificates.end() ? std::move(*best) : nullptr;
 }
 
 bool isAuthority(X509* certificate) {

@@ -17,14 +17,10 @@ x509_ptr parseCertificate(view encoding);
 // The certificate that an object on a token holds; null if it cannot be parsed.
 x509_ptr certificateIn(const session& on, CK_OBJECT_HANDLE object);
 
-// The certificates on a token that can be parsed.
-std::vector<x509_ptr> certificatesOn(const session& on);
+// The token's certificates that hold the public key.
+std::vector<x509_ptr> certificatesOf(const session& on, const EVP_PKEY* publicKey);
 
-bool holdsKey(const x509_ptr& certificate, const EVP_PKEY* publicKey);
-bool holdsKey(const std::vector<x509_ptr>& certificates, const EVP_PKEY* publicKey);
-
-// Of the certificates that hold the public key, the one valid now, then the one that ends last.
-// Throws EU_ERROR_CERT_NOT_FOUND.
+// Of those the one valid now, then the one that ends last; null if there is none.
 x509_ptr ownCertificate(const session& on, const EVP_PKEY* publicKey);
 
 bool isAuthority(X509* certificate);

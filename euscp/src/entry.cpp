@@ -18,7 +18,8 @@ constexpr char type_description[] = "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB
 
 bool initialized = false;
 
-// Loads the library beside this one: by its path, so that no other one of the name takes its place.
+// Loads the library beside this one, by its path, so that no other one of the name takes its place,
+// and makes it ready. Null if that fails.
 void* loadWorker() noexcept try {
     Dl_info own{};
     if (dladdr(&initialized, &own) == 0) {
@@ -26,7 +27,13 @@ void* loadWorker() noexcept try {
     }
     const std::string path = own.dli_fname;
     const std::string folder = path.substr(0, path.rfind('/') + 1);
-    return dlopen((folder + EUSCP_WORKER).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const library = dlopen((folder + EUSCP_WORKER).c_str(), RTLD_LAZY | RTLD_LOCAL);
+    if (library == nullptr) {
+        return nullptr;
+    }
+    const auto initialize =
+        reinterpret_cast<decltype(&EUInitialize)>(dlsym(library, "EUInitialize"));
+    return initialize != nullptr && initialize() == EU_ERROR_NONE ? library : nullptr;
 } catch (const std::bad_alloc&) {
     return nullptr;
 }

@@ -241,8 +241,9 @@ public:
     // The last change: from here on the pair counts as the token's signing key. No lock reaches
     // other machines that share the token, so whether one has made a key meanwhile is asked again.
     void publish(CK_OBJECT_HANDLE publicKey) {
-        const auto isOurs = [publicKey](const public_part& key) { return key.object == publicKey; };
-        require(std::ranges::all_of(signingKeys(on), isOurs), EU_ERROR_KEY_EXISTS);
+        auto others = signingKeys(on);
+        std::erase(others, publicKey); // which shows at once where a token lets all keys verify
+        require(others.empty(), EU_ERROR_KEY_EXISTS);
         if (!on.flag(publicKey, CKA_VERIFY)) {
             letVerify(publicKey);
         }
@@ -337,7 +338,6 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_
 } // namespace
 
 key_requests generateKeys(const token& on, std::string_view password) {
-    require((present(on).flags & CKF_WRITE_PROTECTED) == 0, EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED);
     const keys_lock lock(on.serial);
     session with(on, session::mode::read_write);
     with.login(password);

@@ -15,7 +15,7 @@ namespace {
 class p11_kit {
 public:
     p11_kit() {
-        if (dlopen(P11_KIT_SONAME, RTLD_NOW | RTLD_GLOBAL) == nullptr) {
+        if (dlopen(P11_KIT_SONAME, RTLD_LAZY | RTLD_GLOBAL) == nullptr) {
             throw failure(EU_ERROR_LIBRARY);
         }
         find(be_quiet, "p11_kit_be_quiet");

@@ -146,10 +146,7 @@ bool endedFromOutside(DWORD code) {
 }
 
 std::vector<CK_OBJECT_HANDLE> privateKeys(const session& on, const bytes& id) {
-    return on.find(attributes()
-                       .number(CKA_CLASS, CKO_PRIVATE_KEY)
-                       .flag(CKA_TOKEN, true)
-                       .add(CKA_ID, view(id)));
+    return on.find(attributes().number(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, view(id)));
 }
 
 struct shown_key {
@@ -178,24 +175,13 @@ secret::~secret() {
     OPENSSL_cleanse(characters.data(), characters.size());
 }
 
-std::vector<public_part> signingKeys(const session& on) {
-    std::vector<public_part> keys;
-    const auto keep = [&](CK_OBJECT_HANDLE object) {
-        keys.push_back({on.value(object, CKA_ID).value_or(bytes{}), object});
-    };
-    for (const CK_OBJECT_HANDLE object : on.find(CKO_PUBLIC_KEY)) {
-        if (on.flag(object, CKA_VERIFY)) {
-            keep(object);
-        }
+std::vector<CK_OBJECT_HANDLE> signingKeys(const session& on) {
+    auto objects = on.find(attributes().number(CKA_CLASS, CKO_PUBLIC_KEY).flag(CKA_VERIFY, true));
+    if (objects.empty()) {
+        objects = on.find(CKO_CERTIFICATE);
+        std::erase_if(objects, [&on](CK_OBJECT_HANDLE each) { return !showsSigner(on, each); });
     }
-    if (keys.empty()) {
-        for (const CK_OBJECT_HANDLE object : on.find(CKO_CERTIFICATE)) {
-            if (showsSigner(on, object)) {
-                keep(object);
-            }
-        }
-    }
-    return keys;
+    return objects;
 }
 
 pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
@@ -209,35 +195,38 @@ pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
 
 std::optional<whole_key> signingKey(const session& on) {
     std::vector<shown_key> shown;
-    for (auto parts = signingKeys(on); public_part & part : parts) {
-        auto publicKey = servedKeyOf(on, part.object);
-        shown.push_back({std::move(part), std::move(publicKey)});
+    for (const CK_OBJECT_HANDLE object : signingKeys(on)) {
+        bytes id = on.value(object, CKA_ID).value_or(bytes{});
+        shown.push_back({{std::move(id), object}, servedKeyOf(on, object)});
     }
-    const auto certificates = certificatesOn(on);
-    const auto rank = [&certificates](const shown_key& key) {
-        return std::pair(!holdsKey(certificates, key.publicKey.get()), key.part.id);
+    struct candidate {
+        shown_key* key;
+        CK_OBJECT_HANDLE privateKey;
     };
-    shown_key* best = nullptr;
-    CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
-    bool othersOnly = false;
+    std::vector<candidate> candidates;
+    bool others = false;
     for (shown_key& key : shown) {
         const auto behind = privateKeys(on, key.part.id);
         if (behind.size() != 1 || isAmbiguous(key, shown)) {
             continue;
         }
-        if (!key.publicKey) {
-            othersOnly = best == nullptr;
-        } else if (best == nullptr || rank(key) < rank(*best)) {
-            best = &key;
-            privateKey = behind.front();
-            othersOnly = false;
+        if (key.publicKey) {
+            candidates.push_back({&key, behind.front()});
+        } else {
+            others = true;
         }
     }
-    require(!othersOnly, EU_ERROR_KEY_NOT_SUPPORTED);
-    if (best == nullptr) {
+    require(!candidates.empty() || !others, EU_ERROR_KEY_NOT_SUPPORTED);
+    if (candidates.empty()) {
         return std::nullopt;
     }
-    return whole_key{std::move(best->part), privateKey, std::move(best->publicKey)};
+    const auto rank = [&](const candidate& each) { // certificates are read only to choose by them
+        const bool certified =
+            candidates.size() > 1 && !certificatesOf(on, each.key->publicKey.get()).empty();
+        return std::pair(!certified, each.key->part.id);
+    };
+    const auto& [key, privateKey] = *std::ranges::min_element(candidates, {}, rank);
+    return whole_key{std::move(key->part), privateKey, std::move(key->publicKey)};
 }
 
 pkey_ptr publicKeyOf(const session& on, CK_OBJECT_HANDLE object) {
@@ -297,6 +286,7 @@ void private_key::open() {
     require(
         key && (!opened || EVP_PKEY_eq(opened.get(), key->publicKey.get()) == 1),
         EU_ERROR_KEY_NOT_FOUND);
+    owner = ownCertificate(*with, key->publicKey.get());
     opened = std::move(key->publicKey);
     object = key->privateKey;
     active = std::move(with);
@@ -331,8 +321,9 @@ bytes private_key::sign(view message) {
     });
 }
 
-x509_ptr private_key::certificate() {
-    return attempt([&](const session& with) { return ownCertificate(with, opened.get()); });
+X509* private_key::certificate() const {
+    require(owner != nullptr, EU_ERROR_CERT_NOT_FOUND);
+    return owner.get();
 }
 
 } // namespace eu

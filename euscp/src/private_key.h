@@ -23,15 +23,15 @@ private:
     std::size_t length;
 };
 
-// What of a signing key shows without a login.
+// The signing keys that the token shows, without a login too: its public keys that verify, or,
+// where there are none, its certificates that are no authority's and allow signing.
+std::vector<CK_OBJECT_HANDLE> signingKeys(const session& on);
+
+// What shows a signing key.
 struct public_part {
     bytes id; // CKA_ID
     CK_OBJECT_HANDLE object;
 };
-
-// The signing keys that the token shows: its public keys that verify, or, where there are none,
-// its certificates that are no authority's and allow signing.
-std::vector<public_part> signingKeys(const session& on);
 
 // A signing key as a login shows it.
 struct whole_key {
@@ -70,7 +70,10 @@ public:
     private_key(token medium, std::string_view pin);
 
     bytes sign(view message);
-    x509_ptr certificate();
+
+    // The key's certificate, as it was on the token at the opening. Throws EU_ERROR_CERT_NOT_FOUND.
+    X509* certificate() const;
+
     EVP_PKEY* publicKey() const { return opened.get(); }
 
 private:
@@ -85,6 +88,7 @@ private:
     std::unique_ptr<session> active; // null after a failure: the next use opens anew
     CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
     pkey_ptr opened;
+    x509_ptr owner; // null if the token holds none
 };
 
 } // namespace eu

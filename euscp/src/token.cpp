@@ -33,6 +33,18 @@ std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
     return slots;
 }
 
+// The token's present state. Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when it is no longer in its
+// slot or another one is.
+CK_TOKEN_INFO present(const token& listed) {
+    CK_TOKEN_INFO info{};
+    const state_lock reading(state_lock::purpose::reading);
+    check(listed.module->C_GetTokenInfo(listed.slot, &info));
+    require(
+        unpadded(info.serialNumber) == listed.serial && unpadded(info.label) == listed.label,
+        EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
+    return info;
+}
+
 } // namespace
 
 std::vector<token> listTokens() {
@@ -52,16 +64,6 @@ std::vector<token> listTokens() {
         }
     }
     return tokens;
-}
-
-CK_TOKEN_INFO present(const token& listed) {
-    CK_TOKEN_INFO info{};
-    const state_lock reading(state_lock::purpose::reading);
-    check(listed.module->C_GetTokenInfo(listed.slot, &info));
-    require(
-        unpadded(info.serialNumber) == listed.serial && unpadded(info.label) == listed.label,
-        EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
-    return info;
 }
 
 std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type) {
@@ -93,9 +95,13 @@ attributes& attributes::number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
     return add(type, view(reinterpret_cast<const unsigned char*>(&value), sizeof value));
 }
 
-session::session(token with, mode access) : on(std::move(with)) {
-    const CK_FLAGS writing = access == mode::read_write ? CKF_RW_SESSION : 0;
-    check(call().C_OpenSession(on.slot, CKF_SERIAL_SESSION | writing, nullptr, nullptr, &opened));
+session::session(token with, mode access) : on(std::move(with)), info(present(on)) {
+    const bool writes = access == mode::read_write;
+    require(
+        !writes || (info.flags & CKF_WRITE_PROTECTED) == 0,
+        EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED);
+    const CK_FLAGS flags = CKF_SERIAL_SESSION | (writes ? CKF_RW_SESSION : 0UL);
+    check(call().C_OpenSession(on.slot, flags, nullptr, nullptr, &opened));
 }
 
 session::~session() {
@@ -103,7 +109,6 @@ session::~session() {
 }
 
 void session::login(std::string_view password) {
-    const CK_TOKEN_INFO info = present(on);
     require(
         password.size() >= info.ulMinPinLen &&
             (info.ulMaxPinLen == 0 || password.size() <= info.ulMaxPinLen), // 0: not told
@@ -149,17 +154,23 @@ std::vector<CK_OBJECT_HANDLE> session::find(attributes& wanted) const {
 }
 
 std::vector<CK_OBJECT_HANDLE> session::find(CK_OBJECT_CLASS objectClass) const {
-    return find(attributes().number(CKA_CLASS, objectClass).flag(CKA_TOKEN, true));
+    return find(attributes().number(CKA_CLASS, objectClass));
 }
 
 std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    CK_ATTRIBUTE attribute{type, nullptr, 0};
+    // Room for most values at once: asking for the length first would double the calls, which are
+    // what takes time.
+    bytes contents(1024);
+    CK_ATTRIBUTE attribute{type, contents.data(), contents.size()};
     CK_RV result = call().C_GetAttributeValue(opened, object, &attribute, 1);
-    bytes contents;
-    if (result == CKR_OK && attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
-        contents.resize(attribute.ulValueLen);
-        attribute.pValue = contents.data();
+    if (result == CKR_BUFFER_TOO_SMALL) {
+        attribute.pValue = nullptr;
         result = call().C_GetAttributeValue(opened, object, &attribute, 1);
+        if (result == CKR_OK && attribute.ulValueLen != CK_UNAVAILABLE_INFORMATION) {
+            contents.resize(attribute.ulValueLen);
+            attribute.pValue = contents.data();
+            result = call().C_GetAttributeValue(opened, object, &attribute, 1);
+        }
     }
     if (result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE ||
         result == CKR_OBJECT_HANDLE_INVALID || // another process has destroyed it, or is making it

@@ -23,10 +23,6 @@ struct token {
 // The initialised tokens with a serial number, in module and slot order.
 std::vector<token> listTokens();
 
-// The token's present state. Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when the token is no longer
-// in its slot or another one is.
-CK_TOKEN_INFO present(const token& listed);
-
 // The key size range of a mechanism that the token offers, or nothing.
 std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type);
 
@@ -54,6 +50,8 @@ class session {
 public:
     enum class mode { read_only, read_write };
 
+    // Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when the token is no longer in its slot or another
+    // one is, EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED when it is not to be written.
     session(token with, mode access);
     ~session();
     session(const session&) = delete;
@@ -86,6 +84,7 @@ private:
     CK_RV give(CK_USER_TYPE user, std::string_view password) const;
 
     token on;
+    CK_TOKEN_INFO info;
     CK_SESSION_HANDLE opened = CK_INVALID_HANDLE;
 };
 

@@ -12,12 +12,14 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -74,6 +76,17 @@ bool takeLength(std::FILE* file, std::uint32_t& length) {
     return true;
 }
 
+// Asks for large pages where the array is large: fewer faults, and so less time, to fill it.
+// Nothing but speed depends on the answer.
+void preferLargePages(unsigned char* data, std::size_t size) {
+    constexpr std::size_t page = std::size_t{2} << 20;
+    void* start = data;
+    std::size_t space = size;
+    if (std::align(page, page, start, space) != nullptr) {
+        (void)madvise(start, space / page * page, MADV_HUGEPAGE);
+    }
+}
+
 // Reads the whole file into an array of exactly its length. Null, with errno set, if it cannot;
 // errno is 0 if the file is empty or ended early.
 std::unique_ptr<unsigned char[]> readWhole(std::FILE* file, std::uint32_t& length) {
@@ -81,6 +94,7 @@ std::unique_ptr<unsigned char[]> readWhole(std::FILE* file, std::uint32_t& lengt
         return nullptr;
     }
     auto data = std::make_unique_for_overwrite<unsigned char[]>(length);
+    preferLargePages(data.get(), length);
     errno = 0;
     return std::fread(data.get(), length, 1, file) == 1 ? std::move(data) : nullptr;
 }
@@ -94,7 +108,7 @@ struct place {
 
 // Loads libzip, which then stays. Throws internal_error, with the cause in the log.
 zip_library loadZip(const place& at) {
-    void* const library = dlopen(LIBZIP_SONAME, RTLD_NOW);
+    void* const library = dlopen(LIBZIP_SONAME, RTLD_LAZY);
     zip_library zip{};
     bool complete = library != nullptr;
     const auto find = [&](auto& function, const char* name) {
