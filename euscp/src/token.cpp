@@ -154,7 +154,7 @@ std::vector<CK_OBJECT_HANDLE> session::find(attributes& wanted) const {
 }
 
 std::vector<CK_OBJECT_HANDLE> session::find(CK_OBJECT_CLASS objectClass) const {
-    return find(attributes().number(CKA_CLASS, objectClass));
+    return find(attributes().number(CKA_CLASS, objectClass).flag(CKA_TOKEN, true));
 }
 
 std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
