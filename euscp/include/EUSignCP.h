@@ -41,6 +41,7 @@ typedef unsigned char BYTE;
 #define EU_ERROR_KEY_MEDIAS_NO_MECHANISM 0x0014UL
 #define EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED 0x0015UL
 #define EU_ERROR_KEY_MEDIAS_EXTRACTABLE 0x0016UL
+#define EU_ERROR_KEY_MEDIAS_BUSY 0x0017UL
 #define EU_ERROR_KEY_EXISTS 0x0018UL
 #define EU_ERROR_KEY_NOT_FOUND 0x0019UL
 #define EU_ERROR_KEY_NOT_SUPPORTED 0x001AUL
@@ -298,10 +299,11 @@ void EUFreeSignInfo(EU_SIGN_INFO* pInfo);
  * *ppbDsRequest and *ppbKepRequest are given back with EUFreeMemory. pszDsName and pszKepName
  * receive a suggested file name: at least EU_REQUEST_NAME_SIZE bytes each, or null.
  * A failed call removes what it made on the medium. What a killed process left never counts as a
- * key and is cleared by the next generation or destruction.
+ * key and is cleared by the next generation or destruction. Of the processes on a machine that
+ * generate or destroy keys on a medium one goes ahead, and the others wait.
  * Errors: EU_ERROR_KEY_EXISTS when the medium holds a signing key; the EU_ERROR_PASSWORD_ codes;
- * EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED, _NO_MECHANISM, _CHANGE_REFUSED for what a token cannot do.
- */
+ * EU_ERROR_KEY_MEDIAS_BUSY after a minute of waiting; EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED,
+ * _NO_MECHANISM, _CHANGE_REFUSED for what a token cannot do. */
 DWORD EUGeneratePrivateKeyEx(
     const EU_KEY_MEDIA* pKeyMedia,
     BOOL bSetPassword,
@@ -331,8 +333,9 @@ DWORD EUGeneratePrivateKeyEx(
 /* Destroys, with the password, the signing key of a medium (the one that EUCtxReadPrivateKey
  * opens), the pair generated beside it, what killed generations left, and the certificates of all
  * these. Where no key opens, it destroys every pair that was ever generated. Other objects stay.
- * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; EU_ERROR_KEY_NOT_SUPPORTED; the
- * PKCS#11 codes for what the token refuses to destroy.
+ * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; EU_ERROR_KEY_NOT_SUPPORTED;
+ * EU_ERROR_KEY_MEDIAS_BUSY as for a generation; the PKCS#11 codes for what the token refuses to
+ * destroy.
  */
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia);
 

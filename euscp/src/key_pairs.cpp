@@ -1,6 +1,7 @@
 #include "key_pairs.h"
 
 #include "certificate.h"
+#include "locks.h"
 #include "private_key.h"
 #include "request.h"
 
@@ -128,6 +129,24 @@ std::vector<generated_object> generatedObjects(const session& on) {
     return objects;
 }
 
+// Clears what a token began as a key object and, being cut short, never filled: it has no label yet
+// and is not marked as the token's. A key that another part of this process keeps for its session
+// has a modulus or a curve.
+void clearShells(const session& on) {
+    const auto isEmpty = [&on](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+        return on.value(object, type).value_or(bytes{}).empty();
+    };
+    for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
+        for (const CK_OBJECT_HANDLE object : on.find(attributes().number(CKA_CLASS, kind))) {
+            const auto type = on.number(object, CKA_KEY_TYPE);
+            if (!on.flag(object, CKA_TOKEN) && (type == CKK_EC || type == CKK_RSA) &&
+                isEmpty(object, CKA_EC_PARAMS) && isEmpty(object, CKA_MODULUS)) {
+                on.call().C_DestroyObject(on.handle(), object); // or the next run does
+            }
+        }
+    }
+}
+
 // Clears the leftovers of generations that were cut short. Any other private key that one made
 // still is somebody's, even where its public key has gone: a key is never silently replaced.
 void clearLeftovers(const session& on) {
@@ -144,7 +163,7 @@ void clearLeftovers(const session& on) {
     }
 }
 
-// Results by which a token refuses a change that it might still make in another way.
+// Results by which a token tells that it never lets an object be changed.
 bool isRefusal(CK_RV result) {
     constexpr std::array<CK_RV, 7> refusals{
         CKR_ATTRIBUTE_READ_ONLY,
@@ -219,29 +238,36 @@ public:
             });
     }
 
-    // The last change: from here on the pair counts as the token's signing key. A token that does
-    // not let an object be changed may still copy it with the change.
+    // The last change: from here on the pair counts as the token's signing key. No lock reaches
+    // other machines that share the token, so whether one has made a key meanwhile is asked again.
     void publish(CK_OBJECT_HANDLE publicKey) {
-        attributes verifies;
-        verifies.flag(CKA_VERIFY, true);
-        const CK_RV changed =
-            on.flag(publicKey, CKA_VERIFY)
-                ? CKR_OK
-                : on.call().C_SetAttributeValue(on.handle(), publicKey, verifies.data(), 1);
-        if (isRefusal(changed)) {
-            CK_OBJECT_HANDLE copy = CK_INVALID_HANDLE;
-            const CK_RV copied =
-                on.call().C_CopyObject(on.handle(), publicKey, verifies.data(), 1, &copy);
-            require(!isRefusal(copied), EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED);
-            check(copied);
-            on.call().C_DestroyObject(on.handle(), publicKey);
-        } else {
-            check(changed);
+        auto others = signingKeys(on);
+        std::erase(others, publicKey); // which shows at once where a token lets all keys verify
+        require(others.empty(), EU_ERROR_KEY_EXISTS);
+        if (!on.flag(publicKey, CKA_VERIFY)) {
+            letVerify(publicKey);
         }
         made.clear();
     }
 
 private:
+    // By a copy with the change: a software token that is cut short while it rewrites an object
+    // loses it, and this one tells what all the others are. A token without copies may still let
+    // the object itself be changed.
+    void letVerify(CK_OBJECT_HANDLE publicKey) const {
+        attributes verifies;
+        verifies.flag(CKA_VERIFY, true);
+        CK_OBJECT_HANDLE copy = CK_INVALID_HANDLE;
+        if (on.call().C_CopyObject(on.handle(), publicKey, verifies.data(), 1, &copy) == CKR_OK) {
+            on.call().C_DestroyObject(on.handle(), publicKey);
+            return;
+        }
+        const CK_RV changed =
+            on.call().C_SetAttributeValue(on.handle(), publicKey, verifies.data(), 1);
+        require(!isRefusal(changed), EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED);
+        check(changed);
+    }
+
     const session& on;
     secret pin;
     algorithm kind;
@@ -312,10 +338,12 @@ std::vector<CK_OBJECT_HANDLE> belongings(const session& on, std::optional<whole_
 } // namespace
 
 key_requests generateKeys(const token& on, std::string_view password) {
+    const keys_lock lock(on.serial);
     session with(on, session::mode::read_write);
     with.login(password);
     require(signingKeys(with).empty(), EU_ERROR_KEY_EXISTS);
     clearLeftovers(with);
+    clearShells(with);
 
     generation work(with, password);
     const key_pair ds = work.makePair(purpose::ds);
@@ -328,10 +356,12 @@ key_requests generateKeys(const token& on, std::string_view password) {
 }
 
 void destroyKeys(const token& on, std::string_view password) {
+    const keys_lock lock(on.serial);
     session with(on, session::mode::read_write);
     with.login(password);
     const auto objects = belongings(with, signingKey(with));
     require(!objects.empty(), EU_ERROR_KEY_NOT_FOUND);
+    clearShells(with);
     for (const CK_OBJECT_HANDLE object : objects) {
         with.destroy(object);
     }

@@ -176,7 +176,10 @@ secret::~secret() {
 }
 
 std::vector<CK_OBJECT_HANDLE> signingKeys(const session& on) {
-    auto objects = on.find(attributes().number(CKA_CLASS, CKO_PUBLIC_KEY).flag(CKA_VERIFY, true));
+    auto objects = on.find(attributes()
+                               .number(CKA_CLASS, CKO_PUBLIC_KEY)
+                               .flag(CKA_VERIFY, true)
+                               .flag(CKA_TOKEN, true));
     if (objects.empty()) {
         objects = on.find(CKO_CERTIFICATE);
         std::erase_if(objects, [&on](CK_OBJECT_HANDLE each) { return !showsSigner(on, each); });

@@ -33,6 +33,7 @@ constexpr described texts[] = {
     {EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED,
      "the key medium refuses to change a new object, so no key can be completed on it"},
     {EU_ERROR_KEY_MEDIAS_EXTRACTABLE, "the key medium would make the private key extractable"},
+    {EU_ERROR_KEY_MEDIAS_BUSY, "another process is making or destroying keys on the key medium"},
     {EU_ERROR_KEY_EXISTS, "the key medium already holds a signing key"},
     {EU_ERROR_KEY_NOT_FOUND, "the key medium holds no signing key with exactly one private key"},
     {EU_ERROR_KEY_NOT_SUPPORTED, "the key is neither RSA nor on the curve P-256, P-384 or P-521"},

@@ -1,5 +1,6 @@
 #include "token.h"
 
+#include "locks.h"
 #include "modules.h"
 
 #include <array>
@@ -36,6 +37,7 @@ std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
 // slot or another one is.
 CK_TOKEN_INFO present(const token& listed) {
     CK_TOKEN_INFO info{};
+    const state_lock reading(state_lock::purpose::reading);
     check(listed.module->C_GetTokenInfo(listed.slot, &info));
     require(
         unpadded(info.serialNumber) == listed.serial && unpadded(info.label) == listed.label,
@@ -47,6 +49,7 @@ CK_TOKEN_INFO present(const token& listed) {
 
 std::vector<token> listTokens() {
     std::vector<token> tokens;
+    const state_lock reading(state_lock::purpose::reading);
     for (CK_FUNCTION_LIST* module : modules()) {
         for (const CK_SLOT_ID slot : slotsWithToken(module)) {
             CK_TOKEN_INFO info{};
@@ -120,6 +123,14 @@ void session::loginForSignature(std::string_view password) const {
 }
 
 CK_RV session::give(CK_USER_TYPE user, std::string_view password) const {
+    // Hardware keeps count of its logins itself, and may be slow at them.
+    CK_SLOT_INFO slot{};
+    const bool hardware =
+        call().C_GetSlotInfo(on.slot, &slot) == CKR_OK && (slot.flags & CKF_HW_SLOT) != 0;
+    std::optional<state_lock> writing;
+    if (!hardware) {
+        writing.emplace(state_lock::purpose::writing);
+    }
     // C_Login takes a pointer to writable characters and writes nothing there.
     auto* pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password.data()));
     return call().C_Login(opened, user, pin, password.size());
@@ -143,7 +154,7 @@ std::vector<CK_OBJECT_HANDLE> session::find(attributes& wanted) const {
 }
 
 std::vector<CK_OBJECT_HANDLE> session::find(CK_OBJECT_CLASS objectClass) const {
-    return find(attributes().number(CKA_CLASS, objectClass));
+    return find(attributes().number(CKA_CLASS, objectClass).flag(CKA_TOKEN, true));
 }
 
 std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
@@ -162,6 +173,7 @@ std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE t
         }
     }
     if (result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE ||
+        result == CKR_OBJECT_HANDLE_INVALID || // another process has destroyed it, or is making it
         attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         return std::nullopt;
     }

@@ -65,11 +65,12 @@ public:
     // Gives the password once more, for the one signature just begun.
     void loginForSignature(std::string_view password) const;
 
-    // The objects that have all the attributes.
+    // The objects that have all the attributes. One that a software token is still making, or was
+    // killed at, lacks CKA_TOKEN: it may pass for a key, and asking for its value may write to it.
     std::vector<CK_OBJECT_HANDLE> find(attributes& wanted) const;
-    std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const;
+    std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const; // with CKA_TOKEN
 
-    // An attribute of an object; nothing if the object does not have it or hides it.
+    // An attribute of an object; nothing if the object does not have it, hides it or has gone.
     std::optional<bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     std::optional<CK_ULONG> number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     bool flag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;

@@ -1,7 +1,9 @@
 """A place for the built program to run in: a private SoftHSM, a log folder, a working folder."""
 
+import collections
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -10,6 +12,9 @@ import tempfile
 PROGRAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "velmora"
 SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
 PIN = "24681012"
+KEY = {"Public": 2, "Private": 2}  # the objects of a key that was generated
+VERIFY = ("openssl cms -verify -binary -inform DER -content data -certfile ds.pem -nointern"
+          " -noverify -out /dev/null -in ")  # and the signature's name
 
 
 class Setting:
@@ -74,3 +79,9 @@ class Setting:
         assert made.stdout == b"DONE\n", made
         self.certify(serial)
         return serial
+
+    def objects(self, label):
+        """The objects on a token, as another tool shows them, and how many there are of a kind."""
+        tool = "pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin $GNUTLS_PIN"
+        shown = self.bash(f"{tool} --token-label '{label}' --list-objects")
+        return shown, collections.Counter(re.findall(r"^(\w+) ", shown, re.M))
