@@ -133,14 +133,22 @@ std::vector<generated_object> generatedObjects(const session& on) {
 // and is not marked as the token's. A key that another part of this process keeps for its session
 // has a modulus or a curve.
 void clearShells(const session& on) {
-    const auto isEmpty = [&on](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
-        return on.value(object, type).value_or(bytes{}).empty();
+    const auto lacks = [&on](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE part) {
+        return on.value(object, part).value_or(bytes{}).empty();
+    };
+    const auto isShell = [&](CK_OBJECT_HANDLE object) {
+        switch (on.number(object, CKA_KEY_TYPE).value_or(CKK_VENDOR_DEFINED)) {
+        case CKK_EC:
+            return lacks(object, CKA_EC_PARAMS);
+        case CKK_RSA:
+            return lacks(object, CKA_MODULUS);
+        default:
+            return false;
+        }
     };
     for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
         for (const CK_OBJECT_HANDLE object : on.find(attributes().number(CKA_CLASS, kind))) {
-            const auto type = on.number(object, CKA_KEY_TYPE);
-            if (!on.flag(object, CKA_TOKEN) && (type == CKK_EC || type == CKK_RSA) &&
-                isEmpty(object, CKA_EC_PARAMS) && isEmpty(object, CKA_MODULUS)) {
+            if (!on.flag(object, CKA_TOKEN) && isShell(object)) {
                 on.call().C_DestroyObject(on.handle(), object); // or the next run does
             }
         }
