@@ -41,6 +41,11 @@ if(VELMORA_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+option(VELMORA_FUZZ "Build the fuzz targets in place of the tests, with clang++" OFF)
+if(VELMORA_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Exports just the functions that the map file names: no template instantiations of libstdc++.
 function(velmora_export_only target map)
   target_link_options(${target} PRIVATE -Wl,--version-script=${map})

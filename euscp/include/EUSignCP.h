@@ -260,6 +260,9 @@ DWORD EUCtxSignFile(
  * A signing-certificate attribute (CAdES), or the signer's certificate in the signature, ties the
  * signature to the given certificate to the last byte. A signature with neither names no more than
  * its issuer and serial number (or key identifier) and is tied to those and to the key.
+ * Some of a signature nobody signs, and it verifies before and after these changes: certificates as
+ * above come or go; an algorithm without parameters has NULL in their place, or nothing (RFC 5754);
+ * the second half of an ECDSA signature is s or n - s. Do not tell signatures apart by their bytes.
  * A certificate's own issuer is not asked: whether to trust the certificate is the caller's choice.
  * pvHash, dwHashLength, dwSignIndex, pvParams, dwParamsLength, pvSettings: optional inputs, which
  * this implementation does not serve; null or 0, else EU_ERROR_NOT_SUPPORTED.

@@ -2,55 +2,9 @@
 
 #include "calls.h"
 
-#include <functional>
-#include <openssl/pem.h>
-
 namespace {
 
-using made::bytes;
-
-const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
-
-made::key ecKey() { return made::key(EVP_EC_gen("P-256")); }
-
-const made::key& authority() {
-    static const made::key key = ecKey();
-    return key;
-}
-
-struct signer {
-    made::key key = ecKey();
-    made::certificate certificate;
-
-    signer() : signer(made::terms{}) {}
-    explicit signer(const made::terms& terms)
-        : certificate(made::issue(key.get(), authority().get(), terms)) {}
-    explicit signer(EVP_PKEY* other)
-        : key(other), certificate(made::issue(key.get(), authority().get())) {}
-};
-
-struct how {
-    unsigned flags = 0;
-    const EVP_MD* digest = EVP_sha256();
-    // Changes the message after the signer was added and before it is finished.
-    std::function<void(CMS_ContentInfo*, CMS_SignerInfo*)> change = {};
-    bool pss = false;
-};
-
-bytes sign(const signer& by, const how& with = {}) {
-    const unsigned flags = CMS_BINARY | CMS_PARTIAL | with.flags;
-    const made::message message(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
-    CMS_SignerInfo* signer = CMS_add1_signer(message.get(), by.certificate.get(), by.key.get(),
-        with.digest, flags | (with.pss ? CMS_KEY_PARAM : 0U));
-    if (with.pss) {
-        EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
-    }
-    if (with.change) { with.change(message.get(), signer); }
-    BIO* input = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
-    EXPECT_EQ(CMS_final(message.get(), input, nullptr, flags | CMS_DETACHED), 1);
-    BIO_free(input);
-    return made::der(message.get(), i2d_CMS_ContentInfo);
-}
+using namespace made;
 
 void signingTime(CMS_SignerInfo* signer, long fromNow) {
     ASN1_TIME* time = X509_gmtime_adj(nullptr, fromNow);
@@ -138,23 +92,12 @@ TEST(Verification, RefusesEachForItsOwnReason) {
 
 // No changed byte goes unnoticed, wherever it stands.
 TEST(Verification, NoticesEveryChangedByte) {
-    const signer by;
-    char* start = nullptr;
-    BIO* written = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(written, by.certificate.get());
-    const long size = BIO_get_mem_data(written, &start);
-    const bytes pem(start, start + size);
-    BIO_free(written);
-
-    const signer rsa(EVP_RSA_gen(2048));
-    const bytes der = made::der(by.certificate);
-    const bytes rsaDer = made::der(rsa.certificate);
-    const std::vector<std::array<bytes, 3>> kinds{
-        {data, sign(by, {.flags = CMS_CADES | CMS_NOCERTS}), der},
-        {data, sign(by, {.flags = CMS_CADES | CMS_USE_KEYID}), der}, {data, sign(by), pem},
-        {data, sign(rsa, {.flags = CMS_CADES | CMS_NOCERTS}), rsaDer},
-        {data, sign(rsa, {.flags = CMS_CADES | CMS_NOCERTS, .pss = true}), rsaDer}};
-    for (auto parts : kinds) {
+    auto all = kinds();
+    std::vector<std::array<bytes, 3>> triples{{data, all[0].signature, pem(all[0].by.certificate)}};
+    for (const auto& [by, signature] : all) {
+        triples.push_back({data, signature, made::der(by.certificate)});
+    }
+    for (auto parts : triples) {
         ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
         for (bytes& part : parts) {
             for (unsigned char& byte : part) {

@@ -59,6 +59,8 @@ private:
 };
 
 ledger given;
+int calls = 0;         // that return a result
+std::size_t asked = 0; // whether there is a key
 
 std::string setting(const std::string& name, const std::string& otherwise) {
     const char* value = std::getenv(name.c_str());
@@ -115,7 +117,6 @@ std::string call(const std::string& function, const values&... arguments) {
 // out what a call that succeeds does.
 DWORD answer(
     const std::string& call, const std::function<void()>& act = [] {}, DWORD natural = 0) {
-    static int calls = 0;
     const auto fail = setting("EU_FAIL", "0:0");
     auto result = std::stoul(setting(call.substr(0, call.find('(')), std::to_string(natural)));
     if (++calls == std::stoi(fail)) { result = std::stoul(fail.substr(fail.find(':') + 1)); }
@@ -161,7 +162,6 @@ DWORD EUEnumKeyMediaDevices(DWORD type, DWORD device, char* text) {
 }
 
 DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* media, BOOL* exists) {
-    static std::size_t asked = 0;
     return answer(call(__func__, media, *exists), [&] {
         const auto keys = setting("EU_KEY", "1");
         *exists = keys[std::min(asked++, keys.size() - 1)] == '1' ? 2 : 0;

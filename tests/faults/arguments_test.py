@@ -1,0 +1,53 @@
+#!/usr/bin/env python3
+"""A command with a hostile word goes as it does with a harmless one of the same length, and so does
+its log, with the word escaped: no more records, no control characters, nothing expanded."""
+
+import itertools
+import re
+import sys
+
+from setting import PIN, Setting
+
+LONGEST = 128 * 1024 - 1  # that the system takes
+HOSTILE = {
+    "every byte": bytes(byte for byte in range(1, 256) if byte != ord("/")),
+    "forged record": b"x\n2026-01-01T00:00:00.000Z 1 1 main main.cpp:1 fail: forged\n ",
+    "conversions": b"%s%n%1$s%99999999d%*d%",
+    "no UTF-8": b"\xff\xfe\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xc2",
+    "128 KiB": (b"\n\x1b[2J%s%n\\\xc2\x9b\xff" * LONGEST)[:LONGEST],
+}
+CONTROL = rb"[\x00-\x1f\x7f\\]|\xc2(?=[\x80-\x9f])|(?<=\xc2)[\x80-\x9f]"
+NAMED = {b"\t": rb"\t", b"\n": rb"\n", b"\r": rb"\r", b"\\": rb"\\"}
+
+
+def escaped(word):
+    return re.sub(CONTROL, lambda byte: NAMED.get(byte[0], b"\\x%02x" % ord(byte[0])), word)
+
+
+def runs(word):
+    """What commands with the word answer, and what they log, without time and process."""
+    log = setting.folder / "log/velmora.log"
+    log.unlink(missing_ok=True)
+    commands = [["media", "list", word], ["key", "test-access", word, PIN], [word] * 9,
+                ["key", "delete", word, PIN], ["key", "test-sign", serial, word],
+                ["sign", "verify", word, word, word],
+                ["key", "create", serial, PIN, "ds", "kep", word], ["key", "delete", serial, PIN]]
+    done = [setting.run(*command) for command in commands]
+    return ([(each.returncode, each.stdout, each.stderr) for each in done],
+            [record.split(b" ", 2)[2] for record in log.read_bytes().split(b"\n")[:-1]])
+
+
+with Setting() as setting:
+    serial = setting.token("arguments")
+    holding = failures = 0
+    for name, word in HOSTILE.items():
+        harmless = b"y" * len(word)
+        (answers, records), actual = runs(harmless), runs(word)
+        holding += sum(harmless in record for record in records)
+        expected = answers + [record.replace(harmless, escaped(word)) for record in records]
+        for wanted, got in itertools.zip_longest(expected, sum(actual, [])):
+            if wanted != got:
+                failures += 1
+                print(f"{name}: expected {wanted!r:.500}, got {got!r:.500}")
+    print(f"arguments: {holding} records that hold a hostile word, {failures} failures")
+    sys.exit(failures > 0 or holding != 4 * len(HOSTILE))
