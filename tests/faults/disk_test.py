@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Files, tokens, output and log that cannot be written: the answer, what is left, the log's cause."""
+"""Files, tokens, output and log that cannot be used: the answer, the cause, what is left."""
 
 import collections
 import os
@@ -49,7 +49,7 @@ with Setting() as setting:
         ("sign", "export-crt", serial, PIN))
     setting.bash("""
         mkdir full readonly locked; mount -t tmpfs -o size=16k full full; ln -s nowhere dangling
-        mount -t tmpfs readonly readonly; ln -s loop loop; mkfifo fifo; echo old | tee linked >secret
+        mount -t tmpfs readonly readonly; ln -s loop loop; mkfifo fifo; date | tee linked >secret
         for each in full readonly locked; do echo old | tee $each/sig >$each/zip; done
         head -c 99999 /dev/zero >full/rest || true; mount -o remount,ro readonly
         chmod 444 locked/*; chmod 555 locked; chmod 0 secret; ln -s linked link""")

@@ -1,9 +1,7 @@
-// Preloaded into a program: lets allocations fail, and tells who made them.
-//
-// FAIL_MEMORY=K, K+  the K-th allocation from the program's start fails; or that and all after it
-// TRACE_MEMORY=FILE  one line per allocation (that fails, if one is to): its number, its place, by
-//                    the innermost functions on the call stack, and the file it was made for, the
-//                    innermost on the stack that is not the allocator's or a language runtime's
+// Preloaded into a program: FAIL_MEMORY=K lets the K-th allocation from its start fail.
+// TRACE_MEMORY=FILE gets a line for each one, or only for the one that fails: its number, its place
+// (by the innermost functions on the call stack), and the file it was made for (the innermost that
+// is not the allocator's or a language runtime's).
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -26,16 +24,13 @@ namespace {
 
 unsigned long made = 0;
 unsigned long failing = 0;
-bool failsOn = false;
 int trace = -1;
 
 // With -z initfirst, before any other initialiser of the process.
 __attribute__((constructor)) void configure(int, char**, char** environment) {
     for (; *environment != nullptr; ++environment) {
         if (std::strncmp(*environment, "FAIL_MEMORY=", 12) == 0) {
-            char* end = nullptr;
-            failing = std::strtoul(*environment + 12, &end, 10);
-            failsOn = *end == '+';
+            failing = std::strtoul(*environment + 12, nullptr, 10);
         } else if (std::strncmp(*environment, "TRACE_MEMORY=", 13) == 0) {
             trace = open(*environment + 13, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         }
@@ -44,8 +39,8 @@ __attribute__((constructor)) void configure(int, char**, char** environment) {
 
 struct call_stack {
     int depth = 0;
-    std::uint64_t hash = 0;
-    const char* owner = nullptr;
+    std::uint64_t place = 0;
+    const char* owner = "none";
 };
 
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
@@ -54,7 +49,7 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(at), &info) == 0) { return _URC_END_OF_STACK; }
     if (++stack.depth <= 10) {
-        stack.hash = stack.hash * 31 + (at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
+        stack.place = stack.place * 31 + (at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
     }
     const char* slash = std::strrchr(info.dli_fname, '/');
     const char* name = slash != nullptr ? slash + 1 : info.dli_fname;
@@ -63,18 +58,18 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     for (const char* start : passed) {
         if (std::strncmp(name, start, std::strlen(start)) == 0) { return _URC_NO_REASON; }
     }
-    if (stack.owner == nullptr) { stack.owner = name; }
+    if (std::strcmp(stack.owner, "none") == 0) { stack.owner = name; }
     return stack.depth < 10 ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
 bool fails() {
-    const bool now = ++made == failing || (failsOn && made > failing);
+    const bool now = ++made == failing;
     if (trace >= 0 && (now || failing == 0)) {
         call_stack stack;
         _Unwind_Backtrace(visit, &stack);
         char line[256];
-        const int length = std::snprintf(line, sizeof line, "%lu %lx %s\n", made, stack.hash,
-            stack.owner != nullptr ? stack.owner : "runtime");
+        const int length =
+            std::snprintf(line, sizeof line, "%lu %lx %s\n", made, stack.place, stack.owner);
         (void)!write(trace, line, static_cast<size_t>(length));
     }
     if (now) { errno = ENOMEM; }

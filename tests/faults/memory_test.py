@@ -16,11 +16,10 @@ from setting import PIN, Setting
 OWN = ("velmora", "euscp.so", "euscp-pkcs11.so", "liblog2.so")
 STRIDE = 1 if "EXHAUSTIVE" in os.environ else 50
 DONE, PASSED, FAILED, FAIL = (b"DONE\n", 0), (b"PASSED\n", 0), (b"FAILED\n", 0), (b"FAIL\n", 70)
-UNVERIFIED = (b"FAILED\n", 64)  # the contract's word for all that fails in the library; the log tells
+UNVERIFIED = (b"FAILED\n", 64)  # the contract's word for all that fails there; the log tells why
 LOADER = (b"", 127)  # the loader ends the process: no memory for a library's thread-local data
-VERDICTS = [
-    (b'{"test-key-access":"%s","test-key-valid":"%s","test-key-sign":"%s","test-all":"%s"}\n'
-     % tuple(b"passed" if i < passed else b"failed" for i in (0, 1, 2, 2)), 0) for passed in range(3)]
+VERDICTS = [(b'{"test-key-access":"%s","test-key-valid":"%s","test-key-sign":"%s","test-all":"%s"}\n'
+             % tuple(b"passed" if i < n else b"failed" for i in (0, 1, 2, 2)), 0) for n in range(3)]
 
 
 class Sweep(Setting):
@@ -44,9 +43,8 @@ class Sweep(Setting):
         """The answer, with all else as it was before."""
         for name in "out.p7s", "out.zip":
             (self.folder / name).write_bytes(b"old")
-        if words[1:2] in (("create",), ("delete",)):
-            shutil.rmtree(self.folder / "tokens")
-            shutil.copytree(self.folder / "as-before", self.folder / "tokens")
+        shutil.rmtree(self.folder / "tokens")
+        shutil.copytree(self.folder / "as-before", self.folder / "tokens")
         return self.answer(*words, LD_PRELOAD=sys.argv[2], TRACE_MEMORY="trace", **failure)
 
     def trace(self):
@@ -89,8 +87,8 @@ class Sweep(Setting):
                 self.strange[failed[0][2] if failed else "none"] += 1
             tried += 1
         self.tried += tried
-        print(*words[:2], f"{len(self.seen)} places so far, {tried} allocations failed", flush=True)
         if STRIDE == 1:
+            print(*words[:2], tried, "allocations failed", flush=True)
             self.seen.clear()
 
 
