@@ -1,4 +1,5 @@
-// Preloaded into a program: FAIL_MEMORY=K lets the K-th allocation from its start fail.
+// Preloaded into a program: FAIL_MEMORY=K:PLACE lets one allocation of it fail, the first of the
+// place from a little before the K-th on (as runs differ a little).
 // TRACE_MEMORY=FILE gets a line for each one, or only for the one that fails: its number, its place
 // (by the innermost functions on the call stack), and the file it was made for (the innermost that
 // is not the allocator's or a language runtime's).
@@ -24,13 +25,18 @@ namespace {
 
 unsigned long made = 0;
 unsigned long failing = 0;
+std::uint64_t wanted = 0;
+bool counts = true; // and fails none
 int trace = -1;
 
 // With -z initfirst, before any other initialiser of the process.
 __attribute__((constructor)) void configure(int, char**, char** environment) {
     for (; *environment != nullptr; ++environment) {
         if (std::strncmp(*environment, "FAIL_MEMORY=", 12) == 0) {
-            failing = std::strtoul(*environment + 12, nullptr, 10);
+            char* colon = nullptr;
+            failing = std::strtoul(*environment + 12, &colon, 10);
+            wanted = std::strtoul(colon + 1, nullptr, 16);
+            counts = false;
         } else if (std::strncmp(*environment, "TRACE_MEMORY=", 13) == 0) {
             trace = open(*environment + 13, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         }
@@ -48,13 +54,13 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     const auto at = _Unwind_GetIP(context);
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(at), &info) == 0) { return _URC_END_OF_STACK; }
+    const char* slash = std::strrchr(info.dli_fname, '/');
+    const char* name = slash != nullptr ? slash + 1 : info.dli_fname;
+    if (std::strncmp(name, "failing_memory", 14) == 0) { return _URC_NO_REASON; }
     if (++stack.depth <= 10) {
         stack.place = stack.place * 31 + (at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
     }
-    const char* slash = std::strrchr(info.dli_fname, '/');
-    const char* name = slash != nullptr ? slash + 1 : info.dli_fname;
-    constexpr const char* passed[] = {
-        "failing_mem", "libstdc++", "libgcc_s", "libc.so", "ld-linux"};
+    constexpr const char* passed[] = {"libstdc++", "libgcc_s", "libc.so", "ld-linux"};
     for (const char* start : passed) {
         if (std::strncmp(name, start, std::strlen(start)) == 0) { return _URC_NO_REASON; }
     }
@@ -63,16 +69,22 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
 }
 
 bool fails() {
-    const bool now = ++made == failing;
-    if (trace >= 0 && (now || failing == 0)) {
-        call_stack stack;
-        _Unwind_Backtrace(visit, &stack);
+    ++made;
+    const bool near = failing != 0 && made + 100 > failing;
+    if (!counts && !near) { return false; }
+    call_stack stack;
+    _Unwind_Backtrace(visit, &stack);
+    const bool now = near && stack.place == wanted;
+    if (trace >= 0 && (now || counts)) {
         char line[256];
         const int length =
             std::snprintf(line, sizeof line, "%lu %lx %s\n", made, stack.place, stack.owner);
         (void)!write(trace, line, static_cast<size_t>(length));
     }
-    if (now) { errno = ENOMEM; }
+    if (now) {
+        failing = 0;
+        errno = ENOMEM;
+    }
     return now;
 }
 
