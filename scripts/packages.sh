@@ -2,7 +2,7 @@
 # shellcheck shell=bash disable=SC2034
 
 build_packages=(g++ cmake ninja-build pkg-config libp11-kit-dev libssl-dev libzip-dev)
-test_packages=(libgtest-dev softhsm2 gnutls-bin openssl opensc unzip python3 strace clang
+test_packages=(libgtest-dev softhsm2 gnutls-bin openssl opensc unzip python3 strace mount clang
     libclang-rt-14-dev)
 bench_packages=(python3 softhsm2 gnutls-bin opensc openssl libengine-pkcs11-openssl unzip time
     valgrind)

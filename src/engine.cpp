@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <exception>
 #include <map>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -39,11 +38,11 @@ cli_response _T_media__list(const cli_request& request, const service_pack& serv
     assertCommand(request, 2, "list");
     std::vector<std::string> serials;
     services.eusign->mediaList(serials);
-    std::ostringstream text;
+    std::string text; // no stream: one cuts its text short where memory runs out
     for (const auto& serial : serials) {
-        text << serial << '\n';
+        text += serial + '\n';
     }
-    return done(text.str());
+    return done(std::move(text));
 }
 
 cli_response _T_media__list_serial(const cli_request& request, const service_pack& services) {

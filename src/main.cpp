@@ -1,4 +1,5 @@
 // The entry: one process, one command.
+#include "ending.h"
 #include "engine.h"
 #include "eusign/api.h"
 #include "fs/api.h"
@@ -34,6 +35,7 @@ static void occupyStandardStreams() {
 
 int main(int argc, char** argv) {
     Velmora::forbidDumps();
+    Velmora::guardEnding();
     occupyStandardStreams();
     auto response = cli_response::fail_internal("FAIL\n", "");
     try {
@@ -56,6 +58,7 @@ int main(int argc, char** argv) {
     // A reader that has gone away does not change the exit status.
     (void)std::signal(SIGPIPE, SIG_IGN);
     const int exitCode = response.render(std::cout, std::cerr);
+    Velmora::settleEnding(exitCode, [] { std::cout.flush(); });
     LogClose();
     return exitCode;
 }

@@ -71,7 +71,11 @@ bool better(const x509_ptr& one, const x509_ptr& other) {
 
 x509_ptr lenientlyParsed(view der) {
     const unsigned char* end = der.data();
-    return x509_ptr(d2i_X509(nullptr, &end, static_cast<long>(der.size())));
+    x509_ptr certificate(d2i_X509(nullptr, &end, static_cast<long>(der.size())));
+    if (!certificate) {
+        requireMemory();
+    }
+    return certificate;
 }
 
 // What every encoding of the public key holds as it is: the modulus, or the point's x-coordinate.
@@ -112,7 +116,7 @@ std::vector<x509_ptr> certificatesOf(const session& on, const EVP_PKEY* publicKe
             continue;
         }
         auto certificate = lenientlyParsed(value);
-        if (certificate && EVP_PKEY_eq(X509_get0_pubkey(certificate.get()), publicKey) == 1) {
+        if (certificate && isSameKey(X509_get0_pubkey(certificate.get()), publicKey)) {
             certificates.push_back(std::move(certificate));
         }
     }

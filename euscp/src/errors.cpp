@@ -40,14 +40,27 @@ void check(CK_RV result) {
     }
 }
 
+bool worked(CK_RV result) {
+    require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
+    return result == CKR_OK;
+}
+
 void require(bool condition, DWORD code) {
     if (!condition) {
         throw failure(code);
     }
 }
 
-void clearCryptoErrors() noexcept {
-    ERR_clear_error();
+bool cryptoRanOutOfMemory() noexcept {
+    bool ranOut = false;
+    while (const unsigned long error = ERR_get_error()) {
+        ranOut = ranOut || ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE;
+    }
+    return ranOut;
+}
+
+void requireMemory() {
+    require(!cryptoRanOutOfMemory(), EU_ERROR_MEMORY);
 }
 
 } // namespace eu

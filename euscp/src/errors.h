@@ -22,11 +22,20 @@ DWORD codeOf(CK_RV result);
 // Throws a failure unless the PKCS#11 call succeeded.
 void check(CK_RV result);
 
+// Tells whether a call succeeded whose failure is got past. Throws EU_ERROR_MEMORY if memory ran
+// out: what is left out then would be missing from an answer.
+bool worked(CK_RV result);
+
 // Throws a failure with the code unless the condition holds.
 void require(bool condition, DWORD code);
 
-// Forgets what OpenSSL queued about errors, for the next caller not to stumble over it.
-void clearCryptoErrors() noexcept;
+// Forgets what OpenSSL queued about errors, for the next caller not to stumble over it, and tells
+// whether memory ran out.
+bool cryptoRanOutOfMemory() noexcept;
+
+// Throws EU_ERROR_MEMORY if it did: for a failure of OpenSSL's that is taken for an answer
+// otherwise.
+void requireMemory();
 
 // Runs one exported operation and turns whatever it throws into a result code.
 template <class Operation>
@@ -35,13 +44,13 @@ DWORD guarded(Operation operation) noexcept {
     try {
         operation();
     } catch (const failure& e) {
-        result = e.code;
+        result = cryptoRanOutOfMemory() ? EU_ERROR_MEMORY : e.code;
     } catch (const std::bad_alloc&) {
         result = EU_ERROR_MEMORY;
     } catch (...) {
         result = EU_ERROR_UNKNOWN;
     }
-    clearCryptoErrors();
+    static_cast<void>(cryptoRanOutOfMemory());
     return result;
 }
 

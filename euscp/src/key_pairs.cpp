@@ -285,7 +285,7 @@ private:
 
 bool isAnyOf(const EVP_PKEY* key, const std::vector<pkey_ptr>& keys) {
     return std::ranges::any_of(keys, [key](const pkey_ptr& each) {
-        return EVP_PKEY_eq(each.get(), key) == 1;
+        return isSameKey(each.get(), key);
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include "errors.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -42,7 +43,9 @@ private:
 };
 
 bool holdsTrustPolicy(const p11_kit& kit, CK_FUNCTION_LIST* module) {
+    errno = 0;
     char* option = kit.config_option(module, "trust-policy");
+    require(option != nullptr || errno != ENOMEM, EU_ERROR_MEMORY);
     const bool answer = option != nullptr && std::strcmp(option, "yes") == 0;
     std::free(option);
     return answer;
@@ -50,15 +53,13 @@ bool holdsTrustPolicy(const p11_kit& kit, CK_FUNCTION_LIST* module) {
 
 class loaded_modules {
 public:
-    loaded_modules() {
-        kit.be_quiet();
-        all = kit.modules_load(nullptr, 0);
-        if (all == nullptr) {
-            throw failure(EU_ERROR_KEY_MEDIAS_FAILED);
-        }
+    loaded_modules() : loaded_modules(p11_kit()) { // the rest is undone if something fails here
         for (CK_FUNCTION_LIST** module = all; *module != nullptr; ++module) {
-            if (!holdsTrustPolicy(kit, *module) && kit.module_initialize(*module) == CKR_OK) {
+            if (!holdsTrustPolicy(kit, *module)) {
                 started.push_back(*module);
+                if (!worked(kit.module_initialize(*module))) {
+                    started.pop_back();
+                }
             }
         }
     }
@@ -76,6 +77,12 @@ public:
     std::vector<CK_FUNCTION_LIST*> started;
 
 private:
+    explicit loaded_modules(const p11_kit& loaded) : kit(loaded) {
+        kit.be_quiet();
+        all = kit.modules_load(nullptr, 0);
+        require(all != nullptr, EU_ERROR_KEY_MEDIAS_FAILED);
+    }
+
     const p11_kit kit;
     CK_FUNCTION_LIST** all = nullptr;
 };

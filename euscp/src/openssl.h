@@ -81,6 +81,16 @@ inline bytes sha256(view message) {
     return digest;
 }
 
+// Whether two public keys are the same. Throws EU_ERROR_MEMORY if there is no memory to compare
+// them.
+inline bool isSameKey(const EVP_PKEY* one, const EVP_PKEY* other) {
+    const bool same = EVP_PKEY_eq(one, other) == 1;
+    if (!same) {
+        requireMemory();
+    }
+    return same;
+}
+
 inline view content(const ASN1_STRING* text) {
     return {ASN1_STRING_get0_data(text), static_cast<std::size_t>(ASN1_STRING_length(text))};
 }

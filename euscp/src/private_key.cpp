@@ -157,9 +157,8 @@ struct shown_key {
 // Whether two different public keys go by the identifier: the private key may be either's.
 bool isAmbiguous(const shown_key& key, const std::vector<shown_key>& keys) {
     return std::ranges::any_of(keys, [&key](const shown_key& other) {
-        const bool same =
-            &other == &key || (key.publicKey && other.publicKey &&
-                               EVP_PKEY_eq(key.publicKey.get(), other.publicKey.get()) == 1);
+        const bool same = &other == &key || (key.publicKey && other.publicKey &&
+                                             isSameKey(key.publicKey.get(), other.publicKey.get()));
         return other.part.id == key.part.id && !same;
     });
 }
@@ -192,6 +191,7 @@ pkey_ptr servedKeyOf(const session& on, CK_OBJECT_HANDLE object) {
         return publicKeyOf(on, object);
     } catch (const failure& e) {
         require(e.code == EU_ERROR_KEY_NOT_SUPPORTED, e.code);
+        requireMemory();
         return nullptr;
     }
 }
@@ -287,7 +287,7 @@ void private_key::open() {
     with->login(password.text());
     auto key = signingKey(*with);
     require(
-        key && (!opened || EVP_PKEY_eq(opened.get(), key->publicKey.get()) == 1),
+        key && (!opened || isSameKey(opened.get(), key->publicKey.get())),
         EU_ERROR_KEY_NOT_FOUND);
     owner = ownCertificate(*with, key->publicKey.get());
     opened = std::move(key->publicKey);

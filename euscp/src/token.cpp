@@ -21,12 +21,12 @@ std::string unpadded(const unsigned char (&field)[Size]) {
 // The slots that hold a token; none for a module that cannot tell.
 std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
     CK_ULONG count = 0;
-    if (module->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK) {
+    if (!worked(module->C_GetSlotList(CK_TRUE, nullptr, &count))) {
         return {};
     }
     count += 4; // room for tokens plugged in between the two calls
     std::vector<CK_SLOT_ID> slots(count);
-    if (module->C_GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) {
+    if (!worked(module->C_GetSlotList(CK_TRUE, slots.data(), &count))) {
         return {};
     }
     slots.resize(count);
@@ -53,7 +53,7 @@ std::vector<token> listTokens() {
     for (CK_FUNCTION_LIST* module : modules()) {
         for (const CK_SLOT_ID slot : slotsWithToken(module)) {
             CK_TOKEN_INFO info{};
-            if (module->C_GetTokenInfo(slot, &info) != CKR_OK ||
+            if (!worked(module->C_GetTokenInfo(slot, &info)) ||
                 (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
                 continue;
             }
@@ -172,6 +172,7 @@ std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE t
             result = call().C_GetAttributeValue(opened, object, &attribute, 1);
         }
     }
+    require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
     if (result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE ||
         result == CKR_OBJECT_HANDLE_INVALID || // another process has destroyed it, or is making it
         attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
