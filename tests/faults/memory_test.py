@@ -19,7 +19,8 @@ DONE, PASSED, FAILED, FAIL = (b"DONE\n", 0), (b"PASSED\n", 0), (b"FAILED\n", 0),
 UNVERIFIED = (b"FAILED\n", 64)  # the contract's word for all that fails there; the log tells why
 LOADER = (b"", 127)  # the loader ends the process: no memory for a library's thread-local data
 VERDICTS = [(b'{"test-key-access":"%s","test-key-valid":"%s",'
-             b'"test-key-sign":"%s","test-all":"%s"}\n' % tuple(b"passed" if i < n else b"failed" for i in (0, 1, 2, 2)), 0)
+             b'"test-key-sign":"%s","test-all":"%s"}\n'
+             % tuple(b"passed" if i < n else b"failed" for i in (0, 1, 2, 2)), 0)
             for n in range(3)]
 
 
