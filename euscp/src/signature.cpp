@@ -136,9 +136,10 @@ bool isPlainPss(const X509_ALGOR* algorithm, int digestId) {
         mask->parameter->type != V_ASN1_SEQUENCE) {
         return false;
     }
-    const auto maskDigest = decoded<owned<X509_ALGOR, X509_ALGOR_free>>(
+    const auto maskDigest = decodedStrictly<owned<X509_ALGOR, X509_ALGOR_free>>(
         content(mask->parameter->value.sequence),
         d2i_X509_ALGOR,
+        i2d_X509_ALGOR,
         EU_ERROR_SIGN_ALGORITHM);
     return isPlainDigest(parameters->hashAlgorithm, digestId) &&
            isPlainDigest(maskDigest.get(), digestId);
