@@ -2,6 +2,7 @@
 
 #include <orlek/log.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
@@ -13,36 +14,56 @@ namespace Orlek::Support::Velmora {
 namespace {
 
 constexpr std::string_view failure = "FAIL\n";
-volatile std::sig_atomic_t status = 70; // of the failure, until there is an answer
-enum : std::sig_atomic_t { open, answering, answered };
-volatile std::sig_atomic_t state = open;
+
+// Whoever takes the turn to answer, main or what ends the process in its place, keeps it.
+std::atomic_flag answerTaken;
+std::atomic<int> status = 70; // of the failure, until there is an answer
+std::atomic<bool> answered = false;
+pid_t guarded = 0; // a module may have children, whose ends are their own
+
+// A second signal, or the alarm where the record waits for a lock that the crash left locked.
+[[noreturn]] void endNow(int /*number*/) {
+    _exit(status);
+}
 
 // The failure comes before its record, so that nothing worse can happen than that the record is
-// lost: a second signal, or the alarm where it waits for a lock that the crash left locked, ends
-// it. A module's thread that crashes while the answer goes out waits for main to end the process.
+// lost. A thread that crashes while main answers waits for main to end the process.
 //
-// No help is where the loader itself ends the process: when it has no memory for the thread-local
-// data of a library just loaded, it says so on standard error and exits with 127.
+// No help is where the stack is used up, since the handler has none either, and where the loader
+// itself ends the process: when it has no memory for the thread-local data of a library just
+// loaded, it says so on standard error and exits with 127.
 [[noreturn]] void end(const char* cause, int number) {
-    while (state == answering && gettid() != getpid()) {
-        pause();
+    if (answerTaken.test_and_set()) {
+        while (!answered && gettid() != getpid()) {
+            pause();
+        }
+        _exit(status);
     }
-    if (state != answered) {
-        state = answered;
-        (void)!write(STDOUT_FILENO, failure.data(), failure.size());
-        constexpr unsigned seconds = 2;
-        alarm(seconds);
-        LogWrite(ORLEK_HERE, log_failure, "fail: %s (%d)", cause, number);
-    }
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)!write(STDOUT_FILENO, failure.data(), failure.size());
+
+    sigset_t alarmSignal;
+    sigemptyset(&alarmSignal);
+    sigaddset(&alarmSignal, SIGALRM);
+    (void)std::signal(SIGALRM, endNow);
+    (void)pthread_sigmask(SIG_UNBLOCK, &alarmSignal, nullptr);
+    constexpr unsigned seconds = 2;
+    alarm(seconds);
+    LogWrite(ORLEK_HERE, log_failure, "fail: %s (%d)", cause, number);
     _exit(status);
 }
 
 void onSignal(int number) {
+    if (getpid() != guarded) {
+        (void)std::signal(number, SIG_DFL);
+        (void)std::raise(number);
+        return;
+    }
     end("ended by a signal", number);
 }
 
 void onExit(int exitCode, void* /*nothing*/) {
-    if (state != answered || exitCode != status) {
+    if (getpid() == guarded && (!answered || exitCode != status)) {
         end("ended by a module's exit", exitCode);
     }
 }
@@ -50,6 +71,7 @@ void onExit(int exitCode, void* /*nothing*/) {
 } // namespace
 
 void guardEnding() {
+    guarded = getpid();
     (void)on_exit(onExit, nullptr);
     for (const int number : {SIGABRT, SIGALRM, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
         struct sigaction present {};
@@ -61,11 +83,14 @@ void guardEnding() {
     }
 }
 
-void settleEnding(int exitCode, void (*answer)()) {
-    state = answering;
-    answer();
-    status = exitCode;
-    state = answered;
+void settleEnding(const std::function<int()>& answer) {
+    if (answerTaken.test_and_set()) {
+        for (;;) { // another thread has failed for all
+            pause();
+        }
+    }
+    status = answer();
+    answered = true;
 }
 
 } // namespace Orlek::Support::Velmora

@@ -35,14 +35,16 @@ static void occupyStandardStreams() {
 
 int main(int argc, char** argv) {
     Velmora::forbidDumps();
-    Velmora::guardEnding();
     occupyStandardStreams();
     auto response = cli_response::fail_internal("FAIL\n", "");
+    bool logOpen = false;
     try {
         const auto request = cli_request::create(argc, argv, nullptr);
         Velmora::wipeParameters(argc, argv);
         const int logLevel = request.getLogLevel();
         LogOpen2(request.getLogName().c_str(), logLevel, 0);
+        logOpen = true;
+        Velmora::guardEnding();
 
         const auto fs = Velmora::Fs::Api__Create();
         const auto eusign = Velmora::Eusign::Api__Create(fs);
@@ -51,14 +53,20 @@ int main(int argc, char** argv) {
     } catch (const Orlek::generic_error&) {
         // Whoever threw it has logged the cause; the response made above stands.
     } catch (const std::exception& error) {
-        LogWrite(ORLEK_HERE, Orlek::log_failure, "fail: exception <%s>", error.what());
+        if (logOpen) {
+            LogWrite(ORLEK_HERE, Orlek::log_failure, "fail: exception <%s>", error.what());
+        }
     }
     Velmora::wipeStack();
 
     // A reader that has gone away does not change the exit status.
     (void)std::signal(SIGPIPE, SIG_IGN);
-    const int exitCode = response.render(std::cout, std::cerr);
-    Velmora::settleEnding(exitCode, [] { std::cout.flush(); });
+    int exitCode = 0;
+    Velmora::settleEnding([&] {
+        exitCode = response.render(std::cout, std::cerr);
+        std::cout.flush();
+        return exitCode;
+    });
     LogClose();
     return exitCode;
 }

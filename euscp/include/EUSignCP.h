@@ -149,7 +149,8 @@ void EUSetUIMode(BOOL bUIMode);
 
 /* Makes the library ready. No key medium is touched: the PKCS#11 modules are loaded by the first
  * call that needs a token. Repeating it does no harm.
- * Errors: EU_ERROR_CRYPTO when the cryptographic library cannot be set up. */
+ * Always succeeds: what the library works with is loaded by the first function that needs it, which
+ * then may return EU_ERROR_LIBRARY, or EU_ERROR_CRYPTO. */
 DWORD EUInitialize(void);
 
 /* Ends the use of the library: calls after it fail with EU_ERROR_NOT_INITIALIZED until the next
@@ -299,8 +300,9 @@ void EUFreeSignInfo(EU_SIGN_INFO* pInfo);
  * *ppbDsRequest and *ppbKepRequest are given back with EUFreeMemory. pszDsName and pszKepName
  * receive a suggested file name: at least EU_REQUEST_NAME_SIZE bytes each, or null.
  * A failed call removes what it made on the medium. What a killed process left never counts as a
- * key and is cleared by the next generation or destruction. Of the processes on a machine that
- * generate or destroy keys on a medium one goes ahead, and the others wait.
+ * key and is cleared by the next generation or destruction. Of the processes on a machine (in
+ * one network namespace, where it has several) that generate or destroy keys on a medium one goes
+ * ahead, and the others wait.
  * Errors: EU_ERROR_KEY_EXISTS when the medium holds a signing key; the EU_ERROR_PASSWORD_ codes;
  * EU_ERROR_KEY_MEDIAS_BUSY after a minute of waiting; EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED,
  * _NO_MECHANISM, _CHANGE_REFUSED for what a token cannot do. */
@@ -334,8 +336,8 @@ DWORD EUGeneratePrivateKeyEx(
  * opens), the pair generated beside it, what killed generations left, and the certificates of all
  * these. Where no key opens, it destroys every pair that was ever generated. Other objects stay.
  * Errors: the EU_ERROR_PASSWORD_ codes; EU_ERROR_KEY_NOT_FOUND; EU_ERROR_KEY_NOT_SUPPORTED;
- * EU_ERROR_KEY_MEDIAS_BUSY as for a generation; the PKCS#11 codes for what the token refuses to
- * destroy.
+ * EU_ERROR_KEY_MEDIAS_BUSY and _WRITE_PROTECTED as for a generation; the PKCS#11 codes for what
+ * the token refuses to destroy.
  */
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia);
 

@@ -129,12 +129,13 @@ std::vector<generated_object> generatedObjects(const session& on) {
     return objects;
 }
 
-// Clears what a token began as a key object and, being cut short, never filled: it has no label yet
-// and is not marked as the token's. A key that another part of this process keeps for its session
-// has a modulus or a curve.
+// Clears what a token began as a key object and, being cut short, never filled: it tells that it is
+// not the token's yet, and that its label, its identifier and its modulus or curve are empty. What
+// an object does not tell is no evidence against it.
 void clearShells(const session& on) {
     const auto lacks = [&on](CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE part) {
-        return on.value(object, part).value_or(bytes{}).empty();
+        const auto value = on.value(object, part);
+        return value && value->empty();
     };
     const auto isShell = [&](CK_OBJECT_HANDLE object) {
         switch (on.number(object, CKA_KEY_TYPE).value_or(CKK_VENDOR_DEFINED)) {
@@ -148,7 +149,9 @@ void clearShells(const session& on) {
     };
     for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
         for (const CK_OBJECT_HANDLE object : on.find(attributes().number(CKA_CLASS, kind))) {
-            if (!on.flag(object, CKA_TOKEN) && isShell(object)) {
+            const auto token = on.value(object, CKA_TOKEN);
+            const bool begun = token && token->size() == 1 && token->front() == CK_FALSE;
+            if (begun && lacks(object, CKA_LABEL) && lacks(object, CKA_ID) && isShell(object)) {
                 on.call().C_DestroyObject(on.handle(), object); // or the next run does
             }
         }
@@ -248,10 +251,12 @@ public:
 
     // The last change: from here on the pair counts as the token's signing key. No lock reaches
     // other machines that share the token, so whether one has made a key meanwhile is asked again.
+    // Where a token lets all keys verify, those made here show already.
     void publish(CK_OBJECT_HANDLE publicKey) {
-        auto others = signingKeys(on);
-        std::erase(others, publicKey); // which shows at once where a token lets all keys verify
-        require(others.empty(), EU_ERROR_KEY_EXISTS);
+        const auto isOther = [this](CK_OBJECT_HANDLE each) {
+            return std::ranges::find(made, each) == made.end();
+        };
+        require(std::ranges::none_of(signingKeys(on), isOther), EU_ERROR_KEY_EXISTS);
         if (!on.flag(publicKey, CKA_VERIFY)) {
             letVerify(publicKey);
         }
@@ -267,8 +272,13 @@ private:
         verifies.flag(CKA_VERIFY, true);
         CK_OBJECT_HANDLE copy = CK_INVALID_HANDLE;
         if (on.call().C_CopyObject(on.handle(), publicKey, verifies.data(), 1, &copy) == CKR_OK) {
-            on.call().C_DestroyObject(on.handle(), publicKey);
-            return;
+            CK_BBOOL verifying = CK_TRUE; // as the token said, unless it now tells otherwise
+            CK_ATTRIBUTE shown{CKA_VERIFY, &verifying, sizeof verifying};
+            static_cast<void>(on.call().C_GetAttributeValue(on.handle(), copy, &shown, 1));
+            on.call().C_DestroyObject(on.handle(), verifying != CK_FALSE ? publicKey : copy);
+            if (verifying != CK_FALSE) {
+                return;
+            }
         }
         const CK_RV changed =
             on.call().C_SetAttributeValue(on.handle(), publicKey, verifies.data(), 1);

@@ -24,7 +24,8 @@ private:
     int file;
 };
 
-// Held by the one process of this machine that makes or destroys a token's keys. Of two that make a
+// Held by the one process of this machine (of one network namespace, where it has several) that
+// makes or destroys a token's keys. Of two that make a
 // key at once, the second finds the first one's; and an unfinished generation that it finds is a
 // dead process's. Waits for another holder for a minute, then throws EU_ERROR_KEY_MEDIAS_BUSY.
 class keys_lock {

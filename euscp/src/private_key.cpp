@@ -146,7 +146,10 @@ bool endedFromOutside(DWORD code) {
 }
 
 std::vector<CK_OBJECT_HANDLE> privateKeys(const session& on, const bytes& id) {
-    return on.find(attributes().number(CKA_CLASS, CKO_PRIVATE_KEY).add(CKA_ID, view(id)));
+    return on.find(attributes()
+                       .number(CKA_CLASS, CKO_PRIVATE_KEY)
+                       .flag(CKA_TOKEN, true)
+                       .add(CKA_ID, view(id)));
 }
 
 struct shown_key {

@@ -21,14 +21,6 @@ namespace Orlek::Support::Velmora::Eusign {
 
 namespace {
 
-// Where in an operation a record is written, for what several operations have in common.
-// Made with {ORLEK_HERE}.
-struct place {
-    const char* file;
-    int line;
-    const char* function;
-};
-
 // --- The library's results, values and handles ---------------------------------------------------
 
 constexpr DWORD language = 3;

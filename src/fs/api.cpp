@@ -99,13 +99,6 @@ std::unique_ptr<unsigned char[]> readWhole(std::FILE* file, std::uint32_t& lengt
     return std::fread(data.get(), length, 1, file) == 1 ? std::move(data) : nullptr;
 }
 
-// Where a record is written from. Made with {ORLEK_HERE}.
-struct place {
-    const char* file;
-    int line;
-    const char* function;
-};
-
 // Loads libzip, which then stays. Throws internal_error, with the cause in the log.
 zip_library loadZip(const place& at) {
     void* const library = dlopen(LIBZIP_SONAME, RTLD_LAZY);
