@@ -1,6 +1,9 @@
 // Certificates and signatures made with OpenSSL alone, for the library to meet.
 #pragma once
 
+#include <EUSignCP.h>
+
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <openssl/cms.h>
@@ -14,14 +17,16 @@
 
 namespace made {
 
+inline const DWORD ready = EUInitialize(); // the library, before any test
+
 using bytes = std::vector<unsigned char>;
-template <class T, void (*Free)(T*)>
+template <auto Free>
 struct freed {
-    void operator()(T* object) const { Free(object); }
+    void operator()(auto* object) const { Free(object); }
 };
-using key = std::unique_ptr<EVP_PKEY, freed<EVP_PKEY, EVP_PKEY_free>>;
-using certificate = std::unique_ptr<X509, freed<X509, X509_free>>;
-using message = std::unique_ptr<CMS_ContentInfo, freed<CMS_ContentInfo, CMS_ContentInfo_free>>;
+using key = std::unique_ptr<EVP_PKEY, freed<EVP_PKEY_free>>;
+using certificate = std::unique_ptr<X509, freed<X509_free>>;
+using message = std::unique_ptr<CMS_ContentInfo, freed<CMS_ContentInfo_free>>;
 
 template <class T, class Encode>
 bytes der(T* object, Encode encode) {
@@ -33,6 +38,16 @@ bytes der(T* object, Encode encode) {
 
 inline bytes der(const certificate& object) { return der(object.get(), i2d_X509); }
 
+inline bytes pem(const certificate& object) {
+    const std::unique_ptr<BIO, freed<BIO_free>> written(BIO_new(BIO_s_mem()));
+    PEM_write_bio_X509(written.get(), object.get());
+    char* start = nullptr;
+    const long size = BIO_get_mem_data(written.get(), &start);
+    return {start, start + size};
+}
+
+inline EVP_PKEY* p256() { return EVP_EC_gen("P-256"); }
+
 struct terms {
     const char* usage = "critical,digitalSignature"; // null: no key usage
     long begin = -60;                                // seconds from now
@@ -40,61 +55,37 @@ struct terms {
 };
 
 // A certificate for the public key, issued by a throw-away authority.
-inline certificate issue(EVP_PKEY* subject, EVP_PKEY* authority, const terms& with = {}) {
+inline certificate issue(EVP_PKEY* subject, const terms& with = {}) {
+    static const key authority(p256());
     static long serial = 1000;
     certificate made(X509_new());
     X509_set_version(made.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(made.get()), ++serial);
     X509_gmtime_adj(X509_getm_notBefore(made.get()), with.begin);
     X509_gmtime_adj(X509_getm_notAfter(made.get()), with.end);
-    const auto name = [](X509_NAME* into, const char* text) {
-        X509_NAME_add_entry_by_txt(
-            into, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(text), -1, -1, 0);
-    };
-    name(X509_get_issuer_name(made.get()), "Throw-away CA");
-    name(X509_get_subject_name(made.get()), "Signer");
+    X509_NAME_add_entry_by_NID(X509_get_issuer_name(made.get()), NID_commonName, MBSTRING_ASC,
+        reinterpret_cast<const unsigned char*>("Throw-away CA"), -1, -1, 0);
     X509_set_pubkey(made.get(), subject);
     const auto extend = [&](int type, const char* value) {
-        X509V3_CTX context;
-        X509V3_set_ctx(&context, made.get(), made.get(), nullptr, nullptr, 0);
-        X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, type, value);
+        X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, type, value);
         X509_add_ext(made.get(), extension, -1);
         X509_EXTENSION_free(extension);
     };
-    extend(NID_subject_key_identifier, "hash");
+    extend(NID_subject_key_identifier, "01020304");
     if (with.usage != nullptr) { extend(NID_key_usage, with.usage); }
-    X509_sign(made.get(), authority, EVP_sha256());
+    X509_sign(made.get(), authority.get(), EVP_sha256());
     return made;
 }
 
-// The public key that a request, whose own signature must hold, is for; null otherwise.
-inline key requested(const bytes& request) {
-    const unsigned char* start = request.data();
-    const std::unique_ptr<X509_REQ, freed<X509_REQ, X509_REQ_free>> parsed(
-        d2i_X509_REQ(nullptr, &start, static_cast<long>(request.size())));
-    key asked(parsed ? X509_REQ_get_pubkey(parsed.get()) : nullptr);
-    return asked && X509_REQ_verify(parsed.get(), asked.get()) == 1 ? std::move(asked) : nullptr;
-}
+struct signer {
+    explicit signer(EVP_PKEY* owned = p256(), const terms& with = {})
+        : key(owned), certificate(issue(owned, with)) {}
+
+    made::key key;
+    made::certificate certificate;
+};
 
 inline const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
-
-inline made::key ecKey() { return made::key(EVP_EC_gen("P-256")); }
-
-inline const made::key& authority() {
-    static const made::key only = ecKey();
-    return only;
-}
-
-struct signer {
-    made::key key = ecKey();
-    made::certificate certificate;
-
-    signer() : signer(made::terms{}) {}
-    explicit signer(const made::terms& terms)
-        : certificate(made::issue(key.get(), authority().get(), terms)) {}
-    explicit signer(EVP_PKEY* other)
-        : key(other), certificate(made::issue(key.get(), authority().get())) {}
-};
 
 struct how {
     unsigned flags = 0;
@@ -102,6 +93,7 @@ struct how {
     // Changes the message after the signer was added and before it is finished.
     std::function<void(CMS_ContentInfo*, CMS_SignerInfo*)> change = {};
     bool pss = false;
+    bytes of = data;
 };
 
 inline bytes sign(const signer& by, const how& with = {}) {
@@ -113,41 +105,41 @@ inline bytes sign(const signer& by, const how& with = {}) {
         EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
     }
     if (with.change) { with.change(made.get(), signer); }
-    BIO* input = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
-    CMS_final(made.get(), input, nullptr, flags | CMS_DETACHED);
-    BIO_free(input);
+    const std::unique_ptr<BIO, freed<BIO_free>> input(
+        BIO_new_mem_buf(with.of.data(), static_cast<int>(with.of.size())));
+    CMS_final(made.get(), input.get(), nullptr, flags | CMS_DETACHED);
     return der(made.get(), i2d_CMS_ContentInfo);
-}
-
-inline bytes pem(const certificate& object) {
-    char* start = nullptr;
-    BIO* written = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(written, object.get());
-    const long size = BIO_get_mem_data(written, &start);
-    const bytes text(start, start + size);
-    BIO_free(written);
-    return text;
 }
 
 // Signatures that are tied to the certificate to its last byte: by its hash, in the last by a copy.
 struct kind {
+    kind(EVP_PKEY* owned, const how& with) : by(owned), signature(sign(by, with)) {}
+
     signer by;
     bytes signature;
 };
 
 inline std::vector<kind> kinds() {
     std::vector<kind> all;
-    const auto add = [&all](EVP_PKEY* owned, const how& with) {
-        signer by(owned);
-        auto signature = sign(by, with);
-        all.push_back({std::move(by), std::move(signature)});
-    };
-    add(ecKey().release(), {.flags = CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP}); // as velmora does
-    add(ecKey().release(), {.flags = CMS_CADES | CMS_USE_KEYID});
-    add(EVP_RSA_gen(2048), {.flags = CMS_CADES | CMS_NOCERTS});
-    add(EVP_RSA_gen(2048), {.flags = CMS_CADES | CMS_NOCERTS, .pss = true});
-    add(ecKey().release(), {});
+    all.emplace_back(p256(), how{CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP}); // as velmora does
+    all.emplace_back(p256(), how{CMS_CADES | CMS_USE_KEYID});
+    all.emplace_back(EVP_RSA_gen(2048), how{CMS_CADES | CMS_NOCERTS});
+    all.emplace_back(EVP_RSA_gen(2048), how{.flags = CMS_CADES | CMS_NOCERTS, .pss = true});
+    all.emplace_back(p256(), how{});
     return all;
+}
+
+// What the library says of a signature, and whether it has a time.
+template <class Bytes>
+DWORD verify(const Bytes& of, const Bytes& signature, const Bytes& with, bool* timed = nullptr) {
+    const auto raw = [](const Bytes& all) { return reinterpret_cast<const BYTE*>(all.data()); };
+    EU_SIGN_INFO info{};
+    const DWORD result = EUVerifyDataWithParams(raw(of), of.size(), nullptr, 0, raw(signature),
+        signature.size(), 0, nullptr, 0, raw(with), with.size(), nullptr, &info);
+    if ((result == 0) != (info.bFilled != 0)) { std::abort(); }
+    if (timed != nullptr) { *timed = info.bTimeAvail != 0; }
+    EUFreeSignInfo(&info);
+    return result;
 }
 
 } // namespace made

@@ -1,19 +1,18 @@
 #include "token_layer.h"
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
 #include <p11-kit/p11-kit.h>
 #include <stdexcept>
-#include <unistd.h>
+#include <string>
+#include <utility>
 
 namespace layer {
 
 interference now;
-int calls = 0;
 
 namespace {
 
@@ -21,62 +20,40 @@ CK_FUNCTION_LIST* softhsm = nullptr;
 CK_FUNCTION_LIST wrapped;
 std::array<CK_FUNCTION_LIST*, 2> list{&wrapped, nullptr};
 
-bool ofCurves(CK_MECHANISM_TYPE type) {
-    return type == CKM_EC_KEY_PAIR_GEN || type == CKM_ECDSA || type == CKM_ECDH1_DERIVE;
+CK_RV interfere() {
+    const int past = ++now.calls - now.failAt;
+    return past >= 0 && past < now.failures ? now.failure : CKR_OK;
 }
 
-CK_RV interfere() {
-    ++calls;
-    if (calls == now.dieAt) { ::_exit(9); }
-    const bool since = now.forGood && now.failAt != 0 && calls > now.failAt;
-    return since || calls == now.failAt ? now.failure : CKR_OK;
+// A function of the list, counted and made to fail, or passed on.
+template <auto Member, class... Arguments>
+CK_RV counted(Arguments... arguments) {
+    const CK_RV result = interfere();
+    return result != CKR_OK ? result : (softhsm->*Member)(arguments...);
+}
+
+template <auto... Members>
+void wrap() {
+    ((wrapped.*Members = counted<Members>), ...);
 }
 
 // A token that went away leaves its slot, which is no failure of the module.
 CK_RV slotList(CK_BBOOL present, CK_SLOT_ID* slots, CK_ULONG* count) {
     const CK_RV result = interfere();
-    if (result != CKR_OK && now.forGood) { return *count = 0, CKR_OK; }
+    if (result != CKR_OK && now.failures == for_good) { return *count = 0, CKR_OK; }
     return result != CKR_OK ? result : softhsm->C_GetSlotList(present, slots, count);
 }
 
-// One function of the list, counted and made to fail, then passed on.
-template <auto Member, class Function>
-struct counted;
-template <auto Member, class... Arguments>
-struct counted<Member, CK_RV (*)(Arguments...)> {
-    static CK_RV call(Arguments... arguments) {
-        const CK_RV result = interfere();
-        return result != CKR_OK ? result : (softhsm->*Member)(arguments...);
-    }
-};
-
-template <auto... Members>
-void wrap() {
-    ((wrapped.*Members =
-             counted<Members, std::remove_reference_t<decltype(wrapped.*Members)>>::call),
-        ...);
+CK_RV mechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
+    const bool ofCurves = (type & ~0xFFUL) == (CKM_EC_KEY_PAIR_GEN & ~0xFFUL);
+    const CK_RV result = now.noCurves && ofCurves ? CKR_MECHANISM_INVALID : interfere();
+    return result != CKR_OK ? result : softhsm->C_GetMechanismInfo(slot, type, info);
 }
 
 CK_RV logIn(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin, CK_ULONG length) {
-    if (!now.login.empty()) {
-        const CK_RV result = now.login.front();
-        now.login.erase(now.login.begin());
-        return result;
-    }
-    const CK_RV result = interfere();
+    const CK_RV refused = std::exchange(now.login, CKR_OK);
+    const CK_RV result = refused != CKR_OK ? refused : interfere();
     return result != CKR_OK ? result : softhsm->C_Login(session, user, pin, length);
-}
-
-template <bool interference::*Refused, auto Member, class... Arguments>
-CK_RV refusable(Arguments... arguments) {
-    return now.*Refused ? CKR_ACTION_PROHIBITED
-                        : counted<Member, CK_RV (*)(Arguments...)>::call(arguments...);
-}
-
-CK_RV mechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
-    const CK_RV result = interfere();
-    if (now.noCurves && ofCurves(type)) { return CKR_MECHANISM_INVALID; }
-    return result != CKR_OK ? result : softhsm->C_GetMechanismInfo(slot, type, info);
 }
 
 void must(CK_RV result) {
@@ -94,8 +71,6 @@ CK_FUNCTION_LIST& loaded() {
     return *softhsm;
 }
 
-CK_UTF8CHAR* pin() { return reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password)); }
-
 // A session of the layer's own, logged in.
 class maintenance {
 public:
@@ -105,7 +80,9 @@ public:
         must(loaded().C_GetSlotList(CK_TRUE, slots.data(), &count));
         must(softhsm->C_OpenSession(
             slots[0], CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
-        const CK_RV login = softhsm->C_Login(session, CKU_USER, pin(), std::strlen(password));
+        std::array<CK_UTF8CHAR, 6> pin{};
+        std::memcpy(pin.data(), right.szPassword, pin.size());
+        const CK_RV login = softhsm->C_Login(session, CKU_USER, pin.data(), pin.size());
         must(login == CKR_USER_ALREADY_LOGGED_IN ? CKR_OK : login);
     }
     ~maintenance() { softhsm->C_CloseSession(session); }
@@ -125,33 +102,11 @@ public:
 
 } // namespace
 
-void reset() {
-    now = interference{};
-    calls = 0;
-}
-
-void makeToken(const std::string& folder) {
-    std::filesystem::create_directories(folder + "/tokens");
-    std::ofstream(folder + "/softhsm2.conf")
-        << "directories.tokendir = " << folder << "/tokens\nlog.level = ERROR\n";
-    ::setenv("SOFTHSM2_CONF", (folder + "/softhsm2.conf").c_str(), 1);
-    const auto command = std::string("softhsm2-util --init-token --free --label Alice --pin ") +
-                         password + " --so-pin 12345678 >/dev/null";
-    must(std::system(command.c_str()) == 0 ? CKR_OK : CKR_FUNCTION_FAILED);
-}
-
 void empty() {
     const maintenance with;
     for (const auto object : with.objects()) {
         must(softhsm->C_DestroyObject(with.session, object));
     }
-    reset();
-}
-
-EU_KEY_MEDIA medium(const std::string& pin) {
-    EU_KEY_MEDIA media{};
-    std::copy(pin.begin(), pin.end(), media.szPassword);
-    return media;
 }
 
 std::size_t objectCount() { return maintenance().objects().size(); }
@@ -179,25 +134,21 @@ char* p11_kit_config_option(CK_FUNCTION_LIST*, const char*) { return nullptr; }
 CK_FUNCTION_LIST** p11_kit_modules_load(const char*, int) {
     wrapped = loaded();
     if (const char* fail = std::getenv("LAYER_FAIL")) { // "call:result", from that call on
-        char* result = nullptr;
-        now.failAt = static_cast<int>(std::strtol(fail, &result, 10));
-        now.failure = std::strtoul(result + 1, nullptr, 16);
-        now.forGood = true;
+        std::sscanf(fail, "%d:%lx", &now.failAt, &now.failure);
+        now.failures = for_good;
     }
     if (const char* login = std::getenv("LAYER_LOGIN")) { // the result of the first one
-        now.login = {std::strtoul(login, nullptr, 16)};
+        now.login = std::strtoul(login, nullptr, 16);
     }
     wrap<&CK_FUNCTION_LIST::C_GetTokenInfo, &CK_FUNCTION_LIST::C_OpenSession,
         &CK_FUNCTION_LIST::C_FindObjectsInit, &CK_FUNCTION_LIST::C_FindObjects,
-        &CK_FUNCTION_LIST::C_GetAttributeValue, &CK_FUNCTION_LIST::C_GenerateKeyPair,
+        &CK_FUNCTION_LIST::C_GetAttributeValue, &CK_FUNCTION_LIST::C_SetAttributeValue,
+        &CK_FUNCTION_LIST::C_GenerateKeyPair, &CK_FUNCTION_LIST::C_CopyObject,
         &CK_FUNCTION_LIST::C_DestroyObject, &CK_FUNCTION_LIST::C_SignInit,
         &CK_FUNCTION_LIST::C_Sign>();
     wrapped.C_Login = logIn;
     wrapped.C_GetSlotList = slotList;
     wrapped.C_GetMechanismInfo = mechanismInfo;
-    wrapped.C_SetAttributeValue =
-        refusable<&interference::refuseChange, &CK_FUNCTION_LIST::C_SetAttributeValue>;
-    wrapped.C_CopyObject = refusable<&interference::refuseCopy, &CK_FUNCTION_LIST::C_CopyObject>;
     return list.data();
 }
 
