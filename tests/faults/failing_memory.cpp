@@ -92,8 +92,7 @@ void* realloc(void* old, size_t size) { return fails() ? nullptr : __libc_reallo
 void* memalign(size_t edge, size_t size) { return fails() ? nullptr : __libc_memalign(edge, size); }
 void* aligned_alloc(size_t edge, size_t size) { return memalign(edge, size); }
 int posix_memalign(void** result, size_t edge, size_t size) {
-    void* memory = memalign(edge, size);
-    if (memory != nullptr) { *result = memory; }
-    return memory != nullptr ? 0 : ENOMEM;
+    *result = memalign(edge, size);
+    return *result != nullptr ? 0 : ENOMEM;
 }
 }

@@ -51,11 +51,11 @@ class Sweep(Setting):
         return None
 
     def sweep(self, *words, negative=()):
-        earned = self.failing(words)
+        earned, seen = self.failing(words), set() if ALL else self.seen
         for number, place, owner in self.trace():
-            if place in self.seen or (owner not in OWN and int(place, 16) % STRIDE != 0):
+            if place in seen or (owner not in OWN and int(place, 16) % STRIDE != 0):
                 continue
-            self.seen.add(place)
+            seen.add(place)
             answer = self.failing(words, f"FAIL_MEMORY={number}:{place}")
             self.tried[owner] += len(self.trace())  # a few are not met again
             right = answer in (earned, "FAIL", *negative)
@@ -63,10 +63,7 @@ class Sweep(Setting):
             # The loader ends the process: no memory for a library's thread-local data.
             judged = owner in OWN and not answer.startswith("<> status 127 ")
             check(not (wrong and judged), *words, "allocation", number, place, owner, wrong)
-            if wrong and not judged:
-                self.strange[owner] += 1
-        if ALL:
-            self.seen.clear()
+            self.strange[owner] += bool(wrong) and not judged
 
 
 with Sweep() as sweep:
@@ -87,5 +84,4 @@ with Sweep() as sweep:
     sweep.sweep("key", "create", sweep.empty, PIN, "ds", "kep", "target!")
     sweep.sweep("key", "delete", *key)
     check(sweep.tried.total() > 400, "no allocation fails")
-    print("memory: allocations failed:", dict(sweep.tried))
-    end("memory: crashes and wrong answers of others:", dict(sweep.strange), "and:")
+    end("memory:", dict(sweep.tried), "crashes and wrong answers:", dict(+sweep.strange), "and:")

@@ -24,9 +24,9 @@ def memory(pid):
     with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", 0) as contents:
         for place, rights, *_ in map(str.split, maps):
             if rights.startswith("rw"):
-                start, end = (int(number, 16) for number in place.split("-"))
-                contents.seek(start)
-                yield contents.read(end - start)
+                first, last = (int(number, 16) for number in place.split("-"))
+                contents.seek(first)
+                yield contents.read(last - first)
 
 
 def watch(setting, password, command):
@@ -69,11 +69,11 @@ def dumps_core(setting, command):
 
 
 with Setting() as place:
-    tokens = [(place.token_with_key("Short"), PIN)]
+    long_pin = "long-" * 12 + "pin."
+    tokens = ((place.token_with_key("Short"), PIN),
+              (place.bash(f"new_token Long {long_pin}"), long_pin))
     kept = place.objects("Short")[0].count("always sensitive, never extractable")
     check(kept == 2, "private keys that the token would let out")
-    long_pin = "long-" * 12 + "pin."
-    tokens.append((place.bash(f"new_token Long {long_pin}"), long_pin))
     for serial, pin in tokens:
         for password in (pin, pin[:-1] + "x"):
             for words in ("key create {} ds kep new.zip", "key test-access {}", "key test-valid {}",

@@ -51,8 +51,10 @@ class Setting:
 
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velmora-faults."))
-        self.env = dict(os.environ, HOME=str(self.folder), LOG2_DIR=str(self.folder / "log"),
-                        SOFTHSM2_CONF=str(self.folder / "softhsm2.conf"), GNUTLS_PIN=PIN, LC_ALL="C")
+        self.env = dict(os.environ, HOME=f"{self.folder}", LOG2_DIR=f"{self.folder}/log",
+                        SOFTHSM2_CONF=f"{self.folder}/softhsm2.conf", GNUTLS_PIN=PIN, LC_ALL="C")
+        self.how = {"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
+                    "capture_output": True}
         self.bash('private_softhsm "$PWD"')
 
     def __enter__(self):
@@ -62,20 +64,14 @@ class Setting:
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def bash(self, script):
-        """What a script prints that may use the functions of scripts/token.sh; it has to succeed."""
+        """What a script prints, with the functions of scripts/token.sh; it has to succeed."""
         whole = f'set -euo pipefail; source "{ROOT}/scripts/token.sh"; {script}'
-        return subprocess.run(
-            ["bash", "-c", whole], cwd=self.folder, env=self.env, check=True, text=True,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE
-        ).stdout.strip()
+        ended = subprocess.run(["bash", "-c", whole], check=True, text=True, **self.how)
+        return ended.stdout.strip()
 
     def run(self, *words, wrapper=(), **options):
         """Runs the program; a run that hangs ends the test. Without its log if env says so."""
-        return subprocess.run(
-            [*wrapper, PROGRAM, *words], timeout=120,
-            **{"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
-               "capture_output": True, **options}
-        )
+        return subprocess.run([*wrapper, PROGRAM, *words], timeout=120, **{**self.how, **options})
 
     def answer(self, *words, **options):
         """The line that a run prints; all that came of it, if its status is not that line's."""
@@ -94,8 +90,8 @@ class Setting:
         """Issues certificates for both requests in req.zip and puts them on the token; the one for
         signatures becomes ds.pem."""
         self.bash(f"""
-            [[ -e ca.pem ]] || openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -noenc \
-                -keyout ca.key -out ca.pem -subj /CN=CA
+            [[ -e ca.pem ]] || openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 \
+                -noenc -keyout ca.key -out ca.pem -subj /CN=CA
             unzip -qo req.zip
             for name in ds kep; do
                 openssl x509 -req -inform DER -in $name -copy_extensions copy -days 365 \

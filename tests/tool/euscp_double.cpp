@@ -1,14 +1,11 @@
 // EUSignCP as a recorder: every call becomes a line of the transcript, with its arguments and its
 // result. What is handed out gets a name ("key2") under which it is seen again. Left alone, it
 // plays two media with a key that works; environment variables make it play something else:
-//
 //   EU_MEDIA     the types, split by '|', each "description,serial,serial"; '@' stands for the
-//                supported description up to its last letter, '+' for that letter, '~' for a byte
-//                that is no character
+//                supported one up to its last letter, '+' for that letter, '~' for no character
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
-//   EU_FAIL      "k:code": the k-th of the calls that return a result returns this code; the code
-//                4242 is unknown to EUGetErrorLangDesc, which has no text for it
+//   EU_FAIL      "k:code": the k-th call that returns a result returns this code; 4242 has no text
 //   <function>   the result of every call of the function of this name
 #include <EUSignCP.h>
 
@@ -123,7 +120,6 @@ DWORD answer(
 
 // The answer of an enumeration.
 DWORD answer(const std::string& call, const std::vector<std::string>& texts, DWORD at, char* text) {
-    // Over the whole room that the caller has to have.
     const auto describe = [&] { std::strncpy(text, texts.at(at).c_str(), EU_DESCRIPTION_SIZE); };
     return answer(call, describe, at < texts.size() ? EU_ERROR_NONE : EU_WARNING_END_OF_ENUM);
 }
