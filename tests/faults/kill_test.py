@@ -5,7 +5,8 @@ What a killed process leaves is what it has written, so a kill before a call tha
 a folder stands for one at any call since the change before. SoftHSM rewrites an object some thirty
 times to make it, which leaves much the same each time: of the changes to one file the first two,
 the last six (which complete an object) and every twentieth are taken; where the target exists, only
-what touches it. VELMORA_FAULTS=all kills at every call; leftovers that differ in size are looked at."""
+what touches it. VELMORA_FAULTS=all kills at every call, and looks at all that leaves other sizes.
+"""
 
 import os
 import re
@@ -31,7 +32,8 @@ class Place(Setting):
         super().__init__()
         self.env["ASAN_OPTIONS"] = "detect_leaks=0"  # which does not work under a tracer
         self.serial, self.seen = self.token_with_key("Alice"), set()
-        self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt; cp ca.pem data; cp -r tokens full")
+        self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt")
+        self.bash("cp ca.pem data; cp -r tokens full")
         self.do("key delete")
         self.bash("cp -r tokens bare")
 
