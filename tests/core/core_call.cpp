@@ -30,11 +30,11 @@ static std::string decodeParam() {
     return "<" + key + "><" + value + ">";
 }
 
-// The characters in hexadecimal.
-static std::string encodeUtf8() {
+// The arguments are the characters in hexadecimal.
+static std::wstring wide() {
     std::wstring text;
     for (int i = 0; argument[i] != nullptr; ++i) { text += static_cast<wchar_t>(number(i, 16)); }
-    return TextEncodeUtf8(text.c_str());
+    return text;
 }
 
 // What stands in a buffer of so many characters afterwards and behind it, where it was all '#'.
@@ -47,12 +47,6 @@ static std::string decodeUtf8() {
     std::string shown;
     for (const wchar_t character : out) { shown.append(" ").append(std::to_string(character)); }
     return shown.substr(1);
-}
-
-static std::string transPlate() {
-    std::wstring wide(100, L'\0');
-    TextDecodeUtf8(wide.data(), wide.size() * sizeof(wchar_t), argument[0], 0);
-    return TextEncodeUtf8(TextTransPlate(wide).c_str());
 }
 
 // The arguments are the file, the size of its frame, and the region's place and size. The code, the
@@ -79,8 +73,9 @@ static const std::map<std::string, std::function<std::string()>> functions{
     {"TextTrim", [] { return TextTrim(argument[0], argument[1], number(2)); }},
     {"TextDecodeValue", [] { return TextDecodeValue(argument[0], '='); }},
     {"TextToUpper", [] { return TextToUpper(argument[0]); }},
-    {"TextToLower", [] { return TextToLower(argument[0]); }}, {"TextEncodeUtf8", encodeUtf8},
-    {"TextDecodeUtf8", decodeUtf8}, {"TextTransPlate", transPlate}};
+    {"TextToLower", [] { return TextToLower(argument[0]); }}, {"TextDecodeUtf8", decodeUtf8},
+    {"TextEncodeUtf8", [] { return TextEncodeUtf8(wide().c_str()); }},
+    {"TextTransPlate", [] { return TextEncodeUtf8(TextTransPlate(wide()).c_str()); }}};
 
 static auto openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});

@@ -4,9 +4,8 @@ its log, with the word escaped: no more records, no control characters, nothing 
 
 import itertools
 import re
-import sys
 
-from setting import PIN, Setting
+from setting import PIN, Setting, check, end
 
 LONGEST = 128 * 1024 - 1  # that the system takes
 HOSTILE = {
@@ -32,22 +31,19 @@ def runs(word):
                 ["key", "delete", word, PIN], ["key", "test-sign", serial, word],
                 ["sign", "verify", word, word, word],
                 ["key", "create", serial, PIN, "ds", "kep", word], ["key", "delete", serial, PIN]]
-    done = [setting.run(*command) for command in commands]
-    return ([(each.returncode, each.stdout, each.stderr) for each in done],
+    return ([setting.answer(*command) for command in commands],
             [record.split(b" ", 2)[2] for record in log.read_bytes().split(b"\n")[:-1]])
 
 
 with Setting() as setting:
     serial = setting.token("arguments")
-    holding = failures = 0
+    holding = 0
     for name, word in HOSTILE.items():
         harmless = b"y" * len(word)
         (answers, records), actual = runs(harmless), runs(word)
         holding += sum(harmless in record for record in records)
         expected = answers + [record.replace(harmless, escaped(word)) for record in records]
         for wanted, got in itertools.zip_longest(expected, sum(actual, [])):
-            if wanted != got:
-                failures += 1
-                print(f"{name}: expected {wanted!r:.500}, got {got!r:.500}")
-    print(f"arguments: {holding} records that hold a hostile word, {failures} failures")
-    sys.exit(failures > 0 or holding != 4 * len(HOSTILE))
+            check(wanted == got, f"{name}: expected {wanted!r:.500}, got {got!r:.500}")
+    check(holding == 4 * len(HOSTILE), holding, "records hold a hostile word")
+    end("arguments:")

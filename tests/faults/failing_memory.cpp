@@ -1,9 +1,10 @@
 // Preloaded into a program: FAIL_MEMORY=K:PLACE lets one allocation of it fail, the first of the
-// place from a little before the K-th on (as runs differ a little).
-// TRACE_MEMORY=FILE gets a line for each one, or only for the one that fails: its number, its place
-// (by the innermost functions on the call stack), and the file it was made for (the innermost that
-// is not the allocator's or a language runtime's).
+// place from a little before the K-th on (as runs differ a little). The file "trace" gets a line
+// for each one, or only for the one that fails: its number, its place (by the innermost functions
+// on the call stack), and the file it was made for (the innermost that is not the allocator's or a
+// language runtime's).
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <unistd.h>
 #include <unwind.h>
 
@@ -23,22 +25,19 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
-unsigned long made = 0;
-unsigned long failing = 0;
+long made = 0;
+long first = 0; // that is looked at
 std::uint64_t wanted = 0;
-bool counts = true; // and fails none
 int trace = -1;
 
 // With -z initfirst, before any other initialiser of the process.
 __attribute__((constructor)) void configure(int, char**, char** environment) {
+    trace = open("trace", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     for (; *environment != nullptr; ++environment) {
         if (std::strncmp(*environment, "FAIL_MEMORY=", 12) == 0) {
             char* colon = nullptr;
-            failing = std::strtoul(*environment + 12, &colon, 10);
+            first = std::strtol(*environment + 12, &colon, 10) - 100;
             wanted = std::strtoul(colon + 1, nullptr, 16);
-            counts = false;
-        } else if (std::strncmp(*environment, "TRACE_MEMORY=", 13) == 0) {
-            trace = open(*environment + 13, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         }
     }
 }
@@ -52,37 +51,33 @@ struct call_stack {
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     auto& stack = *static_cast<call_stack*>(data);
     const auto at = _Unwind_GetIP(context);
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(at), &info) == 0) { return _URC_END_OF_STACK; }
-    const char* slash = std::strrchr(info.dli_fname, '/');
-    const char* name = slash != nullptr ? slash + 1 : info.dli_fname;
-    if (std::strncmp(name, "failing_memory", 14) == 0) { return _URC_NO_REASON; }
-    if (++stack.depth <= 10) {
-        stack.place = stack.place * 31 + (at - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
-    }
-    constexpr const char* passed[] = {"libstdc++", "libgcc_s", "libc.so", "ld-linux"};
+    dl_find_object found{}; // much faster than dladdr
+    if (_dl_find_object(reinterpret_cast<void*>(at), &found) != 0) { return _URC_END_OF_STACK; }
+    const link_map& file = *found.dlfo_link_map;
+    const char* name = *file.l_name != '\0' ? basename(file.l_name) : "velmora";
+    if (++stack.depth <= 12) { stack.place = stack.place * 31 + at - file.l_addr; }
+    constexpr const char* passed[] = {
+        "failing_memory", "libstdc++", "libgcc_s", "libc.so", "ld-linux"};
     for (const char* start : passed) {
         if (std::strncmp(name, start, std::strlen(start)) == 0) { return _URC_NO_REASON; }
     }
     if (std::strcmp(stack.owner, "none") == 0) { stack.owner = name; }
-    return stack.depth < 10 ? _URC_NO_REASON : _URC_END_OF_STACK;
+    return stack.depth < 12 ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
 bool fails() {
-    ++made;
-    const bool near = failing != 0 && made + 100 > failing;
-    if (!counts && !near) { return false; }
+    if (++made < first) { return false; }
     call_stack stack;
     _Unwind_Backtrace(visit, &stack);
-    const bool now = near && stack.place == wanted;
-    if (trace >= 0 && (now || counts)) {
+    const bool now = stack.place == wanted;
+    if (now || wanted == 0) {
         char line[256];
         const int length =
-            std::snprintf(line, sizeof line, "%lu %lx %s\n", made, stack.place, stack.owner);
+            std::snprintf(line, sizeof line, "%ld %lx %s\n", made, stack.place, stack.owner);
         (void)!write(trace, line, static_cast<size_t>(length));
     }
     if (now) {
-        failing = 0;
+        first = LONG_MAX;
         errno = ENOMEM;
     }
     return now;
@@ -97,8 +92,7 @@ void* realloc(void* old, size_t size) { return fails() ? nullptr : __libc_reallo
 void* memalign(size_t edge, size_t size) { return fails() ? nullptr : __libc_memalign(edge, size); }
 void* aligned_alloc(size_t edge, size_t size) { return memalign(edge, size); }
 int posix_memalign(void** result, size_t edge, size_t size) {
-    void* memory = memalign(edge, size);
-    if (memory != nullptr) { *result = memory; }
-    return memory != nullptr ? 0 : ENOMEM;
+    *result = memalign(edge, size);
+    return *result != nullptr ? 0 : ENOMEM;
 }
 }

@@ -10,20 +10,15 @@ what touches it. VELMORA_FAULTS=all kills at every call, and looks at all that l
 
 import os
 import re
-import sys
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import ExitStack
 
-from setting import KEY, PIN, VERIFY, Setting
+from setting import ALL, KEY, PIN, Setting, check, end
 
-ALL = os.environ.get("VELMORA_FAULTS") == "all"
-COMMANDS = {  # the words after serial and password; what tells that the target is whole
-    "key create": ("ds kep target!", "unzip -tq target! && unzip -qo target! && for each in ds kep;"
-                   " do openssl req -inform DER -in $each -verify -noout || exit; done"),
-    "key delete": ("", ""),
-    "sign create-ext": ("data target!", VERIFY + "target!"),
-    "sign export-crt": ("target!", "cmp target! ds.crt"),
+COMMANDS = {  # the words after serial and password
+    "key create": "ds kep target!", "key delete": "",
+    "sign create-ext": "data target!", "sign export-crt": "target!",
 }
 CHANGES = {"write", "pwrite64", "ftruncate", "rename", "unlink", "fchmod"}
 
@@ -31,19 +26,20 @@ CHANGES = {"write", "pwrite64", "ftruncate", "rename", "unlink", "fchmod"}
 class Place(Setting):
     """A token, and files beside it, that are put back before each kill."""
 
+    left = []  # by the kills in all places
+
     def __init__(self):
         super().__init__()
         self.env["ASAN_OPTIONS"] = "detect_leaks=0"  # which does not work under a tracer
         self.serial, self.seen = self.token_with_key("Alice"), set()
-        self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt; cp ca.pem data")
-        self.bash("cp -r tokens full")
+        self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt")
+        self.bash("cp ca.pem data; cp -r tokens full")
         self.do("key delete")
         self.bash("cp -r tokens bare")
 
     def do(self, command, *wrapper):
-        words = COMMANDS[command][0].split() if command in COMMANDS else []
-        done = self.run(*command.split(), self.serial, PIN, *words, wrapper=wrapper)
-        return done.stdout.decode().strip() if done.returncode != -9 else "killed"
+        words = COMMANDS.get(command, "").split()
+        return self.answer(*command.split(), self.serial, PIN, *words, wrapper=wrapper)
 
     def start(self, command, before):
         """Puts everything back; before is what the command's target holds, or None."""
@@ -70,57 +66,55 @@ class Place(Setting):
             and (i < 2 or i % 20 == 0 or i >= len(group) - 6)
         ]
 
-    def is_whole(self, command):
-        return self.bash(f"({COMMANDS[command][1]}) >the-check && echo yes || true") == "yes"
-
     def kill(self, command, before, call):
-        """Kills there. Returns what that may leave, and did, and what is wrong."""
+        """Kills there, and looks at what that leaves."""
         self.start(command, before)
-        inject = f"inject={call[0]}:signal=KILL:when={call[1]}"
-        end = self.do(command, "strace", "-fqqo", "trace", "-e", f"trace={call[0]}", "-e", inject)
+        name, number = call
+        killed = self.do(command, "strace", "-fqqo", "trace", "-e", f"trace={name}",
+                         "-e", f"inject={name}:signal=KILL:when={number}")
         # At each login SoftHSM cuts the token's own file to nothing, and then writes it anew. Any
         # program that is killed in between leaves a token that is none any more; and without a
         # login no key opens.
         if not next(self.folder.glob("tokens/*/token.object")).stat().st_size:
-            return ["token lost"], []
-        left = [] if end == "killed" else ["not killed"]  # another module's thread shifts the calls
+            return self.left.append("token lost")
+        if "> status -9 " not in killed:  # another module's thread shifts the calls
+            self.left.append("not killed")
         now = next((each.read_bytes() for each in self.folder.glob("target!")), None)
         sizes = sorted((it.suffix, it.stat().st_size) for it in self.folder.glob("tokens/*/*"))
         if ALL and (command, before, now, *sizes) in self.seen:
-            return left + ["seen"], []
+            return self.left.append("seen")
         self.seen.add((command, before, now, *sizes))
-        key = r"Public Key(?:.*\n )+ label: +DS\n(?: .*\n)+? +Usage:.*verify"
-        shows = re.search(key, self.objects("Alice")[0]) is not None
-        checks = {
-            "the token is listed": self.run("media", "list", self.serial).stdout != b"",
-            "test-access is true": self.do("key test-access") == ("PASSED" if shows else "FAILED"),
-            "the target is whole or as it was":
-                now == before or command == "sign export-crt" or self.is_whole(command),
-            "the next run does it":
-                command[0] == "k" or self.do(command) == "DONE" and self.is_whole(command),
-            "a deletion succeeds": not shows or self.do("key delete") == "DONE",
-            "a generation succeeds": self.do("key create") == "DONE",
-            "its requests are whole": self.is_whole("key create"),
-            "its key opens": self.do("key test-valid") == "PASSED",
-        }
+        point, verb = (command, before, name, number), command.split()[1]
+        public = r"Public Key(?:.*\n )+ label: +DS\n(?: .*\n)+? +Usage:.*verify"
+        shows = re.search(public, self.objects("Alice")[0]) is not None
+        listed, access = self.answer("media", "list", self.serial), self.do("key test-access")
+        check(listed == self.serial, point, "the token is not listed")
+        check(access == ("PASSED" if shows else "FAILED"), point, "test-access", access, shows)
+        check(now == before or verb == "export-crt" or self.is_whole(verb), point, "half a target")
+        right = command.startswith("key") or self.do(command) == "DONE" and self.is_whole(verb)
+        check(right, point, "the next run does not do it")
+        check(not shows or self.do("key delete") == "DONE", point, "no deletion")
+        check(self.do("key create") == "DONE" and self.is_whole("create"), point, "no generation")
+        check(self.do("key test-valid") == "PASSED", point, "its key does not open")
         kinds = self.objects("Alice")[1]
         # What SoftHSM had given no class yet: nobody can tell what it was to be, and no one asks.
-        left += ["object without a class"] if kinds.pop("Data", 0) else []
-        checks[f"two key pairs are there, not {dict(kinds)}"] = kinds == KEY
-        return left, [what for what, holds in checks.items() if not holds]
+        if kinds.pop("Data", 0):
+            self.left.append("object without a class")
+        check(kinds == KEY, point, "two key pairs should be there, not", kinds)
 
 
-workers, failed = os.cpu_count() or 1, False
+workers = os.cpu_count() or 1
 with ThreadPoolExecutor(workers) as pool, ExitStack() as stack:
     places = [stack.enter_context(Place()) for _ in range(workers)]
-    for command, (words, _) in COMMANDS.items():
+    for command, words in COMMANDS.items():
         starts = [(command, before) for before in ([None, b"before"] if words else [None])]
         points = [(*start, call) for start in starts for call in places[0].calls(*start)]
-        sweep = lambda i: [(each, *places[i].kill(*each)) for each in points[i::workers]]
-        results = sum(pool.map(sweep, range(workers)), [])
-        left = Counter(what for _, known, _ in results for what in known)
-        wrong = [f"\n{point}: not so: {what}" for point, _, what in results if what]
-        print(f"{command}: {len(points)} kill points, {len(wrong)} failures; {dict(left)}", *wrong)
+        sweep = lambda i: [places[i].kill(*each) for each in points[i::workers]]
+        list(pool.map(sweep, range(workers)))
+        left = Counter(Place.left)
+        print(f"{command}: {len(points)} kill points; what is left: {dict(left)}")
+        check(len(points) >= 10, command, "has few points to kill it at")
         few = left["token lost"] <= 4 * len(starts) and left["not killed"] <= 2 + len(points) // 99
-        failed = failed or bool(wrong) or not few or len(points) < 10
-sys.exit(failed)
+        check(few, command, "loses too many tokens, or is killed too seldom")
+        Place.left.clear()
+    end("kills:")

@@ -10,11 +10,40 @@ import sys
 import tempfile
 
 PROGRAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "velmora"
-SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+USAGE = (ROOT / "tests/tool/usage.txt").read_text()
+ALL = os.environ.get("VELMORA_FAULTS") == "all"  # the long form of a test that has one
 PIN = "24681012"
 KEY = {"Public": 2, "Private": 2}  # the objects of a key that was generated
 VERIFY = ("openssl cms -verify -binary -inform DER -content data -certfile ds.pem -nointern"
           " -noverify -out /dev/null -in ")  # and the signature's name
+WHOLE = {  # what tells that what a command made of target! is whole
+    "create": "unzip -tq target! && unzip -qo target! && for each in ds kep; do"
+              " openssl req -inform DER -in $each -verify -noout || exit; done",
+    "create-ext": VERIFY + "target!",
+    "export-crt": "cmp target! ds.crt",
+}
+counts = collections.Counter()
+
+
+def check(holds, *what):
+    counts["checks"] += 1
+    if not holds:
+        counts["failures"] += 1
+        print("FAILED:", *what, flush=True)
+
+
+def end(*figures):
+    """Ends the test, which passes if all checks did."""
+    print(*figures, f"{counts['checks']} checks, {counts['failures']} failures")
+    sys.exit(counts["failures"] > 0)
+
+
+def verdicts(passed):
+    """The answer of test-all when so many of the three tests pass."""
+    names = "test-key-access", "test-key-valid", "test-key-sign", "test-all"
+    words = ("passed" if i < passed else "failed" for i in (0, 1, 2, 2))
+    return "{" + ",".join(f'"{name}":"{word}"' for name, word in zip(names, words)) + "}"
 
 
 class Setting:
@@ -22,14 +51,10 @@ class Setting:
 
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velmora-faults."))
-        self.env = dict(
-            os.environ,
-            HOME=str(self.folder),
-            LOG2_DIR=str(self.folder / "log"),
-            SOFTHSM2_CONF=str(self.folder / "softhsm2.conf"),
-            GNUTLS_PIN=PIN,
-            LC_ALL="C",
-        )
+        self.env = dict(os.environ, HOME=f"{self.folder}", LOG2_DIR=f"{self.folder}/log",
+                        SOFTHSM2_CONF=f"{self.folder}/softhsm2.conf", GNUTLS_PIN=PIN, LC_ALL="C")
+        self.how = {"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
+                    "capture_output": True}
         self.bash('private_softhsm "$PWD"')
 
     def __enter__(self):
@@ -39,32 +64,35 @@ class Setting:
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def bash(self, script):
-        """The output of a script that may use the functions of scripts/token.sh; it has to succeed."""
-        whole = f'set -euo pipefail; source "{SCRIPTS}/token.sh"; {script}'
-        return subprocess.run(
-            ["bash", "-c", whole], cwd=self.folder, env=self.env, check=True, text=True,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE
-        ).stdout.strip()
+        """What a script prints, with the functions of scripts/token.sh; it has to succeed."""
+        whole = f'set -euo pipefail; source "{ROOT}/scripts/token.sh"; {script}'
+        ended = subprocess.run(["bash", "-c", whole], check=True, text=True, **self.how)
+        return ended.stdout.strip()
+
+    def run(self, *words, wrapper=(), **options):
+        """Runs the program; a run that hangs ends the test. Without its log if env says so."""
+        return subprocess.run([*wrapper, PROGRAM, *words], timeout=120, **{**self.how, **options})
+
+    def answer(self, *words, **options):
+        """The line that a run prints; all that came of it, if its status is not that line's."""
+        ended = self.run(*words, **options)
+        text = ended.stdout.decode(errors="replace").replace(USAGE, "(usage)\n").removesuffix("\n")
+        unverified = text == "FAILED" and "verify" in words
+        status = 70 if text in ("(usage)", "FAIL") else 64 if unverified else 0
+        as_told = ended.returncode == status and not ended.stderr
+        return text if as_told else f"<{text}> status {ended.returncode} {ended.stderr}"
 
     def token(self, label):
         """A new empty token's serial."""
         return self.bash(f'new_token "{label}" {PIN}')
 
-    def run(self, *words, wrapper=(), **options):
-        """Runs the program; a run that hangs ends the test. Without its log if env says so."""
-        return subprocess.run(
-            [*wrapper, PROGRAM, *words], timeout=120,
-            **{"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
-               "capture_output": True, **options}
-        )
-
-    def certify(self, serial, archive="req.zip"):
-        """Issues certificates for both requests in the archive and puts them on the token; the one
-        for signatures becomes ds.pem."""
+    def certify(self, serial):
+        """Issues certificates for both requests in req.zip and puts them on the token; the one for
+        signatures becomes ds.pem."""
         self.bash(f"""
-            [[ -e ca.pem ]] || openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -noenc \
-                -keyout ca.key -out ca.pem -subj /CN=CA
-            unzip -qo {archive}
+            [[ -e ca.pem ]] || openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 \
+                -noenc -keyout ca.key -out ca.pem -subj /CN=CA
+            unzip -qo req.zip
             for name in ds kep; do
                 openssl x509 -req -inform DER -in $name -copy_extensions copy -days 365 \
                     -CA ca.pem -CAkey ca.key -out $name.pem
@@ -75,8 +103,8 @@ class Setting:
     def token_with_key(self, label):
         """The serial of a new token with a certified key."""
         serial = self.token(label)
-        made = self.run("key", "create", serial, PIN, "ds", "kep", "req.zip")
-        assert made.stdout == b"DONE\n", made
+        made = self.answer("key", "create", serial, PIN, "ds", "kep", "req.zip")
+        assert made == "DONE", made
         self.certify(serial)
         return serial
 
@@ -85,3 +113,6 @@ class Setting:
         tool = "pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin $GNUTLS_PIN"
         shown = self.bash(f"{tool} --token-label '{label}' --list-objects")
         return shown, collections.Counter(re.findall(r"^(\w+) ", shown, re.M))
+
+    def is_whole(self, command):
+        return self.bash(f"({WHOLE[command]}) >the-check && echo yes || true") == "yes"

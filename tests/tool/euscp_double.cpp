@@ -1,14 +1,11 @@
 // EUSignCP as a recorder: every call becomes a line of the transcript, with its arguments and its
 // result. What is handed out gets a name ("key2") under which it is seen again. Left alone, it
 // plays two media with a key that works; environment variables make it play something else:
-//
 //   EU_MEDIA     the types, split by '|', each "description,serial,serial"; '@' stands for the
-//                supported description up to its last letter, '+' for that letter, '~' for a byte
-//                that is no character
+//                supported one up to its last letter, '+' for that letter, '~' for no character
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
-//   EU_FAIL      "k:code": the k-th of the calls that return a result returns this code; the code
-//                4242 is unknown to EUGetErrorLangDesc, which has no text for it
+//   EU_FAIL      "k:code": the k-th call that returns a result returns this code; 4242 has no text
 //   <function>   the result of every call of the function of this name
 #include <EUSignCP.h>
 
@@ -26,12 +23,12 @@
 namespace {
 
 // All that was handed out, and whether it came back. Memory is kept until the end, so that a second
-// release is known as one.
+// release is known as one. Every misuse becomes a "leak" in the transcript.
 class ledger {
 public:
     ~ledger() {
         for (const auto& [place, name] : names) {
-            if (!name.empty()) { transcribe("leak: " + name); }
+            if (!name.starts_with("leak")) { transcribe("leak: " + name); }
             delete[] static_cast<const char*>(place);
         }
     }
@@ -42,21 +39,19 @@ public:
         names[place] = kind + std::to_string(names.size() + 1);
         return reinterpret_cast<type*>(place);
     }
-    std::string look(const std::string& kind, const void* place) const {
+    std::string look(const void* place) const {
         const auto found = names.find(place);
-        const std::string name = found != names.end() ? found->second : "unknown";
         if (place == nullptr) { return "null"; }
-        if (!name.starts_with(kind)) { transcribe("leak: not a " + kind + ", or released before"); }
-        return name;
+        return found != names.end() ? found->second : "leak: not from here";
     }
     std::string take(const std::string& kind, const void* place) {
-        auto name = look(kind, place);
-        if (const auto found = names.find(place); found != names.end()) { found->second.clear(); }
-        return name;
+        const auto name = look(place);
+        if (names.contains(place)) { names[place] = "leak: back already"; }
+        return name.starts_with(kind) ? name : "leak: no " + kind + " but " + name;
     }
 
 private:
-    std::map<const void*, std::string> names; // empty once released
+    std::map<const void*, std::string> names;
 };
 
 ledger given;
@@ -92,7 +87,7 @@ std::vector<std::string> mediaType(DWORD index) {
 std::string show(std::integral auto value) { return std::to_string(value); }
 std::string show(const std::string& shown) { return shown; }
 std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
-std::string show(const void* pointer) { return pointer ? "set" : "null"; }
+std::string show(const void* place) { return given.look(place); }
 std::string show(const EU_KEY_MEDIA* media) {
     const std::string_view field{media->szPassword, EU_PASSWORD_SIZE};
     const auto password = field.substr(0, field.find('\0'));
@@ -125,10 +120,7 @@ DWORD answer(
 
 // The answer of an enumeration.
 DWORD answer(const std::string& call, const std::vector<std::string>& texts, DWORD at, char* text) {
-    const auto describe = [&] {
-        std::memset(text, 0, EU_DESCRIPTION_SIZE); // the caller has room for all of it
-        texts.at(at).copy(text, EU_DESCRIPTION_SIZE - 1);
-    };
+    const auto describe = [&] { std::strncpy(text, texts.at(at).c_str(), EU_DESCRIPTION_SIZE); };
     return answer(call, describe, at < texts.size() ? EU_ERROR_NONE : EU_WARNING_END_OF_ENUM);
 }
 
@@ -138,7 +130,6 @@ void release(const char* function, const std::string& kind, const void* place) {
 }
 
 constexpr SYSTEMTIME begin_time{2024, 1, 3, 31, 9, 5, 0, 7};
-constexpr SYSTEMTIME end_time{2026, 12, 4, 31, 23, 59, 58, 0};
 
 } // namespace
 
@@ -182,42 +173,39 @@ DWORD EUCtxCreate(void** context) {
 
 DWORD EUCtxReadPrivateKey(
     void* context, const EU_KEY_MEDIA* media, void** key, EU_CERT_OWNER_INFO* info) {
-    return answer(call(__func__, given.look("context", context), media, show(*key)), [&] {
+    return answer(call(__func__, context, media, *key), [&] {
         *key = given.give<void>("key");
         info->pszSubject = given.give<char>("owner");
     });
 }
 
 void EUCtxFreeCertOwnerInfo(void* context, EU_CERT_OWNER_INFO* info) {
-    const auto owner = given.take("owner", info->pszSubject);
-    transcribe(call(__func__, given.look("context", context), owner));
+    transcribe(call(__func__, context, given.take("owner", info->pszSubject)));
 }
 
 DWORD EUCtxGetOwnCertificate(void* key, DWORD type, DWORD usage, EU_CERT_INFO_EX** info,
                              BYTE** certificate, DWORD* length) {
-    const auto name = given.look("key", key);
-    return answer(call(__func__, name, type, usage, show(*info), show(*certificate), *length), [&] {
+    return answer(call(__func__, key, type, usage, *info, *certificate, *length), [&] {
         *info = given.give<EU_CERT_INFO_EX>("info", std::string(sizeof(EU_CERT_INFO_EX), '\0'));
         (*info)->stCertBeginTime = begin_time;
-        (*info)->stCertEndTime = end_time;
+        (*info)->stCertEndTime = {2026, 12, 4, 31, 23, 59, 58, 0};
         *certificate = given.give<BYTE>("memory", "certificate");
         *length = 11;
     });
 }
 
 DWORD EUCtxSignData(void* key, DWORD algorithm, const BYTE* data, DWORD size, BOOL external,
-                    BOOL append, BYTE** signature, DWORD* length) {
-    return answer(call(__func__, given.look("key", key), algorithm, bytes(data, size), size,
-                       external, append, show(*signature)), [&] {
-        *signature = given.give<BYTE>("memory", "signature");
+                    BOOL append, BYTE** sign, DWORD* length) {
+    const auto text = bytes(data, size);
+    return answer(call(__func__, key, algorithm, text, size, external, append, *sign), [&] {
+        *sign = given.give<BYTE>("memory", "signature");
         *length = 9;
     });
 }
 
 DWORD EUCtxSignFile(void* key, DWORD algorithm, const char* file, BOOL external, BOOL append,
                     const char* signature) {
-    const auto name = given.look("key", key);
-    return answer(call(__func__, name, algorithm, file, external, append, signature));
+    return answer(call(__func__, key, algorithm, file, external, append, signature));
 }
 
 DWORD EUVerifyDataWithParams(
@@ -241,8 +229,7 @@ DWORD EUGeneratePrivateKeyEx(
     BYTE** p12, DWORD* p13, const void* p14, const void* p15, BYTE** ds, DWORD* ds_size,
     char* ds_name, BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
     return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type,
-                       strength, p9, p10, p11, p12, p13, p14, p15, show(*ds), show(*kep),
-                       p22, p23, p24), [&] {
+                       strength, p9, p10, p11, p12, p13, p14, p15, *ds, *kep, p22, p23, p24), [&] {
         *ds = given.give<BYTE>("memory", "DS request");
         *kep = given.give<BYTE>("memory", "KEP request");
         *ds_size = 10;

@@ -8,9 +8,9 @@
 
 namespace {
 
-// The function of this name in the real library.
+// The function of this name, and of the other one's type, in the real library.
 template <class function>
-function* real(const char* name) {
+function* real(const char* name, function* /*other*/ = nullptr) {
     static void* const library = ::dlopen(REAL_LIBZIP, RTLD_NOW);
     return reinterpret_cast<function*>(::dlsym(library, name));
 }
@@ -28,8 +28,8 @@ int failure(zip_t* archive = nullptr) {
 }
 
 template <class result>
-result told(const std::string& function, result answer, bool good) {
-    transcribe(function + (good ? "" : " failed"));
+result told(const std::string& function, result answer, result failed) {
+    transcribe(function + (answer == failed ? " failed" : ""));
     return answer;
 }
 
@@ -37,36 +37,33 @@ result told(const std::string& function, result answer, bool good) {
 
 zip_t* zip_open(const char* path, int flags, int* error) {
     *error = failure();
-    auto* made = *error ? nullptr : real<decltype(zip_open)>(__func__)(path, flags, error);
-    return told(__func__, made, made != nullptr);
+    auto* open = real(__func__, zip_open);
+    return told<zip_t*>(__func__, *error ? nullptr : open(path, flags, error), nullptr);
 }
 
 zip_source_t* zip_source_buffer(zip_t* archive, const void* data, zip_uint64_t size, int freeing) {
-    auto* make = real<decltype(zip_source_buffer)>(__func__);
+    auto* make = real(__func__, zip_source_buffer);
     auto* made = failure(archive) ? nullptr : make(archive, data, size, freeing);
-    return told(__func__, made, made != nullptr);
+    return told<zip_source_t*>(__func__, made, nullptr);
 }
 
-zip_int64_t zip_file_add(
-    zip_t* archive, const char* name, zip_source_t* source, zip_flags_t flags) {
-    auto* add = real<decltype(zip_file_add)>(__func__);
-    const auto index = failure(archive) ? -1 : add(archive, name, source, flags);
-    return told(__func__, index, index >= 0);
+zip_int64_t zip_file_add(zip_t* archive, const char* name, zip_source_t* source, zip_flags_t how) {
+    auto* add = real(__func__, zip_file_add);
+    return told<zip_int64_t>(__func__, failure(archive) ? -1 : add(archive, name, source, how), -1);
 }
 
 int zip_close(zip_t* archive) {
-    const int result = failure(archive) ? -1 : real<decltype(zip_close)>(__func__)(archive);
-    return told(__func__, result, result == 0);
+    return told(__func__, failure(archive) ? -1 : real(__func__, zip_close)(archive), -1);
 }
 
 void zip_source_free(zip_source_t* source) {
     transcribe(__func__);
-    real<decltype(zip_source_free)>(__func__)(source);
+    real(__func__, zip_source_free)(source);
 }
 
 void zip_discard(zip_t* archive) {
     transcribe(__func__);
-    real<decltype(zip_discard)>(__func__)(archive);
+    real(__func__, zip_discard)(archive);
 }
 
-const char* zip_strerror(zip_t* archive) { return real<decltype(zip_strerror)>(__func__)(archive); }
+const char* zip_strerror(zip_t* archive) { return real(__func__, zip_strerror)(archive); }

@@ -1,7 +1,6 @@
 // liblog2 as a recorder: every call becomes a line of the transcript.
 #include <log2.h>
 
-#include <array>
 #include <cstdarg>
 #include <cstdio>
 
@@ -13,12 +12,12 @@ void LogOpen2(const char* name, int level, int flag) {
 }
 
 void LogWrite(const char* file, int, const char* function, int level, const char* format, ...) {
-    std::array<char, 8192> message{};
+    char message[8192];
     va_list values;
     va_start(values, format);
-    static_cast<void>(std::vsnprintf(message.data(), message.size(), format, values));
+    std::vsnprintf(message, sizeof message, format, values);
     va_end(values);
-    transcribe(std::to_string(level) + " " + file + " " + function + ": " + message.data());
+    transcribe(std::to_string(level) + " " + file + " " + function + ": " + message);
 }
 
 void LogClose(void) { transcribe("LogClose()"); }

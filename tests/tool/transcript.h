@@ -7,8 +7,6 @@
 
 inline void transcribe(const std::string& line) {
     std::ofstream transcript{std::getenv("TRANSCRIPT"), std::ios::app};
-    for (const char letter : line) {
-        transcript << (letter == '\n' ? "\\n" : std::string(1, letter));
-    }
+    for (const char c : line) { transcript << (c == '\n' ? "\\n" : std::string(1, c)); }
     transcript << '\n';
 }
