@@ -6,17 +6,23 @@
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
 //   EU_FAIL      "k:code": the k-th call that returns a result returns this code; 4242 has no text
+//   EU_END       "k:how": in the k-th such call the library aborts, calls exit(5), or has a child
+//                process that calls exit(0): "abort", "exit" or "child"
 //   <function>   the result of every call of the function of this name
 #include <EUSignCP.h>
 
 #include <algorithm>
 #include <concepts>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <sstream>
 #include <string_view>
 #include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "transcript.h"
 
@@ -113,6 +119,12 @@ DWORD answer(
     const auto fail = setting("EU_FAIL", "0:0");
     auto result = std::stoul(setting(call.substr(0, call.find('(')), std::to_string(natural)));
     if (++calls == std::stoi(fail)) { result = std::stoul(fail.substr(fail.find(':') + 1)); }
+    if (const auto end = setting("EU_END", "0:"); calls == std::stoi(end)) {
+        if (end.ends_with("abort")) { std::abort(); }
+        if (end.ends_with("exit")) { std::exit(5); }
+        if (::fork() == 0) { std::exit(0); }
+        ::wait(nullptr);
+    }
     if (result == EU_ERROR_NONE) { act(); }
     transcribe(call + " = " + std::to_string(result));
     return result;
