@@ -63,9 +63,9 @@ def watch(setting, password, command):
 
 
 def dumps_core(setting, command):
-    """Whether it does, if it aborts where it first writes something: for velmora, to its log."""
+    """Whether it does, if a signal ends it where it first writes: for velmora, to its log."""
     return "core dumped" in setting.bash(
-        f"ulimit -c unlimited; strace -e inject=write:signal=ABRT {command} 2>&1 || true")
+        f"ulimit -c unlimited; strace -e inject=write:signal=QUIT {command} 2>&1 || true")
 
 
 with Setting() as place:
