@@ -50,7 +50,7 @@ int openOwnFile() {
 } // namespace
 
 state_lock::state_lock(purpose use) : file(openOwnFile()) {
-    static std::chrono::milliseconds patience = 10s; // of this process, in all: somebody hangs
+    static std::chrono::milliseconds patience = 30s; // of this process, in all: somebody hangs
     const int operation = use == purpose::writing ? LOCK_EX : LOCK_SH;
     inTime(patience, 2ms, [this, operation] {
         return ::flock(file, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK;
