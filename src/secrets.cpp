@@ -32,8 +32,11 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept try
 }
 
 void operator delete(void* block) noexcept {
+    if (block == nullptr) {
+        return;
+    }
     constexpr std::size_t largest = std::size_t{1} << 20; // beyond, it is a file's contents
-    const std::size_t size = block != nullptr ? malloc_usable_size(block) : 0;
+    const std::size_t size = malloc_usable_size(block);
     if (size <= largest) {
         explicit_bzero(block, size);
     }
