@@ -11,31 +11,48 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
-# A RUNPATH relative to the program: the tree can be moved, and LD_LIBRARY_PATH still wins. Built as
-# it is installed, since CMake pads the one of a build tree with empty entries, and the loader takes
-# those for the current folder.
+# A RUNPATH relative to the program: the tree can be moved, and LD_LIBRARY_PATH still wins. Never
+# rewritten by CMake, which pads what it rewrites with empty entries, and the loader takes those for
+# the current folder.
 set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib")
-foreach(root IN LISTS EUSCP_ROOT LOG2_ROOT)
-  list(APPEND CMAKE_INSTALL_RPATH ${root}/lib)
-endforeach()
+set(external_libraries ${EUSCP_ROOT} ${LOG2_ROOT})
+list(TRANSFORM external_libraries APPEND /lib)
+list(APPEND CMAKE_INSTALL_RPATH ${external_libraries})
 add_link_options(-Wl,--enable-new-dtags -Wl,--as-needed -Wl,-z,relro,-z,now)
+# The mark of -fcf-protection, which the C library's start files do not carry everywhere, and which
+# one object without it takes from all the others.
+add_link_options(-Wl,-z,ibt,-z,shstk)
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -fstack-protector-strong)
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+
+option(VELMORA_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+
+# What Debian builds with under hardening=+all, in every build. Fortified functions need the
+# optimiser and stand in the sanitizers' way.
+add_compile_options(-Wformat -Werror=format-security -fstack-protector-strong
+  -fstack-clash-protection -fcf-protection)
+if(NOT VELMORA_SANITIZE)
+  set(fortified "-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3")
+  add_compile_options("$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${fortified}>")
+endif()
+include(CheckPIESupported)
+check_pie_supported()
+
 # Log records name a source file as it stands in the project, wherever it was built.
 add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
-  add_compile_definitions(_FORTIFY_SOURCE=2)
-endif()
 
 # Loading and relocating the shared C++ runtime takes longer than most of what a command does. Each
-# binary holds the little of it that it uses; nothing of C++ crosses from one to another.
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
+# binary holds the little of it that it uses; nothing of C++ crosses from one to another. And only
+# of its own runtime can a binary tell what happens when memory runs out.
+include(CMakeDependentOption)
+cmake_dependent_option(VELMORA_STATIC_RUNTIME "Link the C++ runtime into each binary" ON
+  "NOT VELMORA_SANITIZE" OFF)
+if(VELMORA_STATIC_RUNTIME)
   add_compile_options(-ffunction-sections -fdata-sections)
   add_link_options(-static-libstdc++ -static-libgcc -Wl,--gc-sections -Wl,--exclude-libs,ALL)
 endif()
 
-option(VELMORA_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
 if(VELMORA_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)

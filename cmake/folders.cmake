@@ -1,0 +1,15 @@
+# Makes each of `folders` that is not there yet, with those above it.
+foreach(folder IN LISTS folders)
+  cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX})
+  set(folder $ENV{DESTDIR}${folder})
+  set(missing)
+  while(NOT EXISTS ${folder})
+    list(PREPEND missing ${folder})
+    cmake_path(GET folder PARENT_PATH folder)
+  endwhile()
+  foreach(folder IN LISTS missing)
+    file(MAKE_DIRECTORY ${folder})
+    file(CHMOD ${folder} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+      GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  endforeach()
+endforeach()
