@@ -1,5 +1,6 @@
 #include <orlek/fsutils.h>
 
+#include <orlek/descriptor.h>
 #include <orlek/log.h>
 
 #include <algorithm>
@@ -20,34 +21,11 @@
 
 namespace {
 
+using Orlek::descriptor;
 using Orlek::log_failure;
 
 constexpr std::size_t path_size = 4096; // the terminator included
 constexpr std::size_t max_path_length = path_size - 1;
-
-// A file descriptor, closed with its scope.
-class descriptor {
-public:
-    descriptor() = default;
-    explicit descriptor(int opened) : number(opened) {}
-    descriptor(descriptor&& other) noexcept : number(other.release()) {}
-    descriptor& operator=(descriptor&& other) noexcept {
-        std::swap(number, other.number);
-        return *this;
-    }
-    ~descriptor() {
-        if (number >= 0) {
-            close(number);
-        }
-    }
-
-    explicit operator bool() const { return number >= 0; }
-    int get() const { return number; }
-    int release() { return std::exchange(number, -1); }
-
-private:
-    int number = -1;
-};
 
 // Opens a file for reading or writing. Never waits for the other end of a FIFO or a device.
 descriptor openFile(const char* path, int flags, mode_t mode = 0) {
@@ -94,11 +72,8 @@ bool descend(mode_t mode, char* path, std::size_t& pos, std::size_t len) {
     return true;
 }
 
-// Works in `path` itself, which holds its own bytes again on every return.
+// Makes an absolute path, and works in it: it holds its own bytes again on every return.
 int fsutils_mkdir_r(mode_t mode, char* path, std::size_t len) {
-    if (path[0] != '/' || len > max_path_length) {
-        return fsutils_failed;
-    }
     if (mkdir(path, mode) == 0) {
         return 0;
     }

@@ -1,9 +1,13 @@
 #include "fs/api.h"
 
+#include "fs/target.h"
+
+#include <orlek/descriptor.h>
 #include <orlek/errors.h>
 #include <orlek/fsutils.h>
 #include <orlek/log.h>
 #include <orlek/released_with.h>
+#include <orlek/text.h>
 
 #include <zip.h>
 
@@ -11,11 +15,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <limits>
 #include <memory>
+#include <random>
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -35,6 +42,7 @@ struct zip_library {
     decltype(&zip_source_buffer) source_buffer;
     decltype(&zip_source_free) source_free;
     decltype(&zip_file_add) file_add;
+    decltype(&zip_file_set_external_attributes) file_set_external_attributes;
     decltype(&zip_close) close;
     decltype(&zip_discard) discard;
     decltype(&zip_strerror) strerror;
@@ -43,19 +51,18 @@ struct zip_library {
 using zip_archive = std::unique_ptr<zip_t, decltype(&zip_discard)>;
 using zip_data = std::unique_ptr<zip_source_t, decltype(&zip_source_free)>;
 
+// The stream of an open file. Null, with errno set, if there is none.
+stdio_file streamOf(descriptor file, const char* mode) {
+    stdio_file stream(file ? fdopen(file.get(), mode) : nullptr);
+    if (stream) {
+        file.release();
+    }
+    return stream;
+}
+
 // As fopen with mode "rb", but opening a pipe that nobody writes to does not wait.
 stdio_file openForReading(const char* path) {
-    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (descriptor < 0) {
-        return nullptr;
-    }
-    stdio_file file(fdopen(descriptor, "rb"));
-    if (!file) {
-        const int cause = errno;
-        close(descriptor);
-        errno = cause;
-    }
-    return file;
+    return streamOf(descriptor(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)), "rb");
 }
 
 // Takes the length of a regular file that a 32-bit count holds. False, with errno set, for others.
@@ -114,6 +121,7 @@ zip_library loadZip(const place& at) {
     find(zip.source_buffer, "zip_source_buffer");
     find(zip.source_free, "zip_source_free");
     find(zip.file_add, "zip_file_add");
+    find(zip.file_set_external_attributes, "zip_file_set_external_attributes");
     find(zip.close, "zip_close");
     find(zip.discard, "zip_discard");
     find(zip.strerror, "zip_strerror");
@@ -127,6 +135,128 @@ zip_library loadZip(const place& at) {
 // The text before the last '/', or the whole path if it has none.
 std::string directoryOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
+}
+
+// Why an archive cannot hold an entry of this name, or null.
+const char* obstacleTo(const std::string& entryName) {
+    if (entryName.empty()) {
+        return "empty";
+    }
+    if (entryName.size() > std::numeric_limits<std::uint16_t>::max()) {
+        return "longer than 65535 bytes";
+    }
+    std::vector<wchar_t> wide(entryName.size() + 1);
+    try {
+        auto bytes = entryName;
+        TextDecodeUtf8(wide.data(), wide.size() * sizeof(wchar_t), bytes.data(), bytes.size());
+    } catch (const internal_error&) {
+        return "not UTF-8";
+    }
+    return nullptr;
+}
+
+// Where libzip makes an archive. It copies the mode of what it finds under the name, set-id bits
+// included, and goes by the name at every step; so where that may be somebody else's file, or
+// become one, it works beside it, under a name that nobody foresees.
+class new_archive {
+public:
+    explicit new_archive(const target& archive)
+        : at(archive), aside(mayBeOthers(archive)), name(archive.path) {
+        if (aside) {
+            std::random_device random;
+            name.resize(name.rfind('/') + 1);
+            name += ".requests." + std::to_string(random()) + std::to_string(random());
+        }
+    }
+    ~new_archive() {
+        if (aside) {
+            unlink(name.c_str());
+        }
+    }
+    new_archive(const new_archive&) = delete;
+    new_archive& operator=(const new_archive&) = delete;
+
+    [[nodiscard]] const char* path() const { return name.c_str(); }
+
+    // Why the archive must not be made, or null. What is not looked at here, libzip refuses.
+    [[nodiscard]] const char* obstacle() const {
+        if (at.folder && at.obstacle != nullptr) {
+            return at.obstacle;
+        }
+        const bool present = at.present.st_mode != 0;
+        return aside && present && !S_ISREG(at.present.st_mode) ? "not a regular file" : nullptr;
+    }
+
+    // Puts the archive that was made into its place, with the permissions of one's own that was
+    // there. False, with errno set, if it cannot.
+    bool settle() {
+        if (aside) {
+            aside = (at.isOwnFile() && !givePermissions()) ||
+                    renameat(AT_FDCWD, name.c_str(), at.folder.get(), at.name.c_str()) != 0;
+        }
+        return !aside;
+    }
+
+private:
+    static bool mayBeOthers(const target& it) {
+        const bool plain = it.isOwnFile() && (it.present.st_mode & 07000) == 0;
+        return !it.folder || it.isInSharedFolder() || (S_ISREG(it.present.st_mode) && !plain);
+    }
+
+    // By descriptor: in a folder that others can write to, the name may be another file's by now.
+    [[nodiscard]] bool givePermissions() const {
+        const descriptor made(open(path(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat status {};
+        if (!made || fstat(made.get(), &status) != 0) {
+            return false;
+        }
+        errno = EPERM;
+        return status.st_uid == geteuid() && status.st_nlink == 1 &&
+               fchmod(made.get(), at.present.st_mode & 0777) == 0;
+    }
+
+    const target& at;
+    bool aside;
+    std::string name;
+};
+
+struct zip_entry {
+    const char* name;
+    unsigned char* data;
+    unsigned long size;
+};
+
+// Writes an archive. Logs as `caller`, whose work this is.
+void writeArchive(const char* path, std::initializer_list<zip_entry> entries, const char* caller) {
+    const zip_library zip = loadZip({__FILE__, __LINE__, caller});
+    int error = 0;
+    zip_archive archive(zip.open(path, ZIP_CREATE | ZIP_TRUNCATE, &error), zip.discard);
+    if (error != 0) {
+        LogWrite(__FILE__, __LINE__, caller, log_failure, "fail: zip_open (answer:%d)", error);
+        throw internal_error();
+    }
+    const auto require = [&](int line, bool succeeded, const char* failure) {
+        if (!succeeded) {
+            LogWrite(__FILE__, line, caller, log_failure, failure, zip.strerror(archive.get()));
+            throw internal_error();
+        }
+    };
+    for (const auto& [name, data, size] : entries) {
+        zip_data source(zip.source_buffer(archive.get(), data, size, 0), zip.source_free);
+        require(__LINE__, source != nullptr, "fail: zip_source_buffer (%s)");
+        const auto index = zip.file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8);
+        require(__LINE__, index >= 0, "fail: zip_file_add (%s)");
+        (void)source.release(); // the archive's now
+        const bool given = zip.file_set_external_attributes(
+                               archive.get(),
+                               static_cast<zip_uint64_t>(index),
+                               0,
+                               ZIP_OPSYS_UNIX,
+                               zip_uint32_t{S_IFREG | 0644} << 16) == 0;
+        require(__LINE__, given, "fail: zip_file_set_external_attributes (%s)");
+    }
+    require(__LINE__, zip.close(archive.get()) == 0, "fail: zip_close (%s)");
+    (void)archive.release(); // gone with the closing
 }
 
 class api : public api_like {
@@ -152,51 +282,38 @@ void api::createZip(
     unsigned char* data2,
     unsigned long size2) {
     LogWrite(ORLEK_HERE, log_progress, "exec");
+    for (const char* name : {name1, name2}) {
+        if (const char* cause = obstacleTo(name)) {
+            LogWrite(ORLEK_HERE, log_failure, "fail: entry <%.255s> (%s)", name, cause);
+            throw internal_error();
+        }
+    }
     const auto directory = directoryOf(zipPath);
     if (fsutils_create_dir_r(0755, directory.c_str()) != 0) {
         LogWrite(ORLEK_HERE, log_tolerated, "fail: mkdir <%s>", directory.c_str());
     }
 
-    const zip_library zip = loadZip({ORLEK_HERE});
-    int error = 0;
-    zip_archive archive(zip.open(zipPath, ZIP_CREATE | ZIP_TRUNCATE, &error), zip.discard);
-    if (error != 0) {
-        LogWrite(ORLEK_HERE, log_failure, "fail: zip_open (answer:%d)", error);
+    const target at(zipPath);
+    new_archive archive(at);
+    if (const char* cause = archive.obstacle()) {
+        LogWrite(ORLEK_HERE, log_failure, "fail: target <%s> (%s)", zipPath, cause);
         throw internal_error();
     }
-    const auto require = [&](const place& at, bool succeeded, const char* failure) {
-        if (!succeeded) {
-            const char* cause = zip.strerror(archive.get());
-            LogWrite(at.file, at.line, at.function, log_failure, failure, cause);
-            throw internal_error();
-        }
-    };
-
-    struct entry {
-        const char* name;
-        unsigned char* data;
-        unsigned long size;
-    };
-    for (const auto& [name, data, size] :
-         {entry{name1, data1, size1}, entry{name2, data2, size2}}) {
-        zip_data source(zip.source_buffer(archive.get(), data, size, 0), zip.source_free);
-        require({ORLEK_HERE}, source != nullptr, "fail: zip_source_buffer (%s)");
-        require(
-            {ORLEK_HERE},
-            zip.file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8) >= 0,
-            "fail: zip_file_add (%s)");
-        (void)source.release(); // the archive's now
+    writeArchive(archive.path(), {{name1, data1, size1}, {name2, data2, size2}}, __func__);
+    if (!archive.settle()) {
+        const char* cause = at.folder ? std::strerror(errno) : at.obstacle;
+        LogWrite(ORLEK_HERE, log_failure, "fail: rename <%s> (%s)", zipPath, cause);
+        throw internal_error();
     }
-
-    require({ORLEK_HERE}, zip.close(archive.get()) == 0, "fail: zip_close (%s)");
-    (void)archive.release(); // gone with the closing
     LogWrite(ORLEK_HERE, log_progress, "done");
 }
 
 void api::writeFile(const char* path, unsigned char* data, unsigned long size) {
-    const stdio_file file(std::fopen(path, "wb"));
+    target at(path);
+    const auto file = streamOf(at.open(), "wb");
     if (!file) {
-        LogWrite(ORLEK_HERE, log_failure, "fail: fopen <%s> (%s)", path, std::strerror(errno));
+        const char* cause = at.obstacle != nullptr ? at.obstacle : std::strerror(errno);
+        LogWrite(ORLEK_HERE, log_failure, "fail: fopen <%s> (%s)", path, cause);
         throw internal_error();
     }
     // Unbuffered, so that fwrite counts the bytes that reached the file: a full disk is not found
