@@ -1,4 +1,4 @@
-#include "secrets.h"
+#include "process/secrets.h"
 
 #include <array>
 #include <cstddef>
@@ -13,16 +13,10 @@
 // the command line down to the library's record, and every copy is to go, whoever made it.
 
 void* operator new(std::size_t size) {
-    for (;;) {
-        if (void* const block = std::malloc(size != 0 ? size : 1)) {
-            return block;
-        }
-        const std::new_handler makeRoom = std::get_new_handler();
-        if (makeRoom == nullptr) {
-            throw std::bad_alloc();
-        }
-        makeRoom();
+    if (void* const block = std::malloc(size != 0 ? size : 1)) {
+        return block;
     }
+    throw std::bad_alloc();
 }
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept try {
