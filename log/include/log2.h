@@ -6,8 +6,15 @@
  * relative XDG_STATE_HOME is ignored). It is made with mode 0600, missing folders above it with
  * 0700; what is there already keeps its mode. Many processes may share it: a record is one line,
  * written with one write at the end of the file. Once it holds 8 MiB it is renamed to <name>.log.1,
- * replacing the one before, and every process goes on in the new file. Where it cannot be renamed,
- * or its name is a symbolic link, it grows on.
+ * replacing the one before, and every process goes on in the new file. Where it cannot be renamed
+ * (a folder <name>.log.1 is in the way), further records are dropped; where its name is a symbolic
+ * link, it grows on.
+ *
+ * Others may be able to write to the folder. A symbolic link, in place of the file or of the folder
+ * itself, is followed only where it is the process's own (by effective user id) or belongs to the
+ * owner of the folder that it is in. In a folder that others can write to, a folder of anybody
+ * else's than these two is not used, a file with more than one name is not written to, nor, if the
+ * folder has the sticky bit, a file of anybody else's.
  *
  * A line: UTC time with milliseconds, process, level, function, source file and line, message:
  *

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -51,18 +52,51 @@ private:
     int cancelling = PTHREAD_CANCEL_ENABLE;
 };
 
+// Whether others may have put this into the folder for the log to go where they want it: a link
+// that is neither one's own nor the folder's owner's; in a folder that others can write to a folder
+// of theirs, a file with other names, and, where they can only add, whatever is theirs.
+bool isPlanted(const struct stat& entry, const struct stat& folder) {
+    const bool foreign = entry.st_uid != ::geteuid() && entry.st_uid != folder.st_uid;
+    const bool shared = (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    const bool sticky = (folder.st_mode & S_ISVTX) != 0;
+    const bool linked = S_ISREG(entry.st_mode) && entry.st_nlink > 1;
+    return (foreign && S_ISLNK(entry.st_mode)) ||
+           (shared && (linked || (foreign && (sticky || S_ISDIR(entry.st_mode)))));
+}
+
+std::string folderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+// Where a link leads; empty if it was planted.
+std::string targetOf(const std::string& path) {
+    const int link = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    std::array<char, PATH_MAX> text{};
+    struct stat entry {};
+    struct stat folder {};
+    const bool followed = link >= 0 && ::fstat(link, &entry) == 0 &&
+                          ::stat(folderOf(path).c_str(), &folder) == 0 && !isPlanted(entry, folder);
+    const auto length = followed ? ::readlinkat(link, "", text.data(), text.size()) : 0;
+    ::close(link);
+    if (length <= 0) {
+        return {};
+    }
+    const std::string target(text.data(), static_cast<std::size_t>(length));
+    return target.starts_with('/') ? target : folderOf(path) + target;
+}
+
 // The log file, open for one record: whoever opens it by name for each record always writes to the
 // current one, whichever process turned it over, and holds no descriptor that could leak or be
 // shared.
 class log_file {
 public:
-    explicit log_file(const std::string& place)
-        : path(place), descriptor(::open(
-                           place.c_str(),
-                           O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
-                           0600)) {
-        // A pipe or a device under the log's name could block, so only a regular file will do.
-        usable = descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    explicit log_file(const std::string& place) : path(place) {
+        constexpr int max_links = 8;
+        std::string next = path;
+        for (int links = 0; !open(next) && errno == ELOOP && links < max_links; ++links) {
+            next = targetOf(next);
+        }
+        usable = descriptor >= 0 && isWritable(folderOf(next));
     }
     log_file(const log_file&) = delete;
     log_file& operator=(const log_file&) = delete;
@@ -76,13 +110,14 @@ public:
 
     // Only the holder of the lock renames, and only the file it has locked: a second process that
     // found the same file full finds another one under the name by then. While another process is
-    // at it, nothing is done, and the record goes to the full file.
-    void turnOver() const {
+    // at it, or where the name is a link, nothing is done, and the record goes to the full file.
+    // False if the file cannot be renamed.
+    [[nodiscard]] bool turnOver() const {
         struct stat named {};
-        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-            named.st_dev == status.st_dev && named.st_ino == status.st_ino) {
-            static_cast<void>(::rename(path.c_str(), (path + ".1").c_str()));
-        }
+        const bool turn = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
+                          ::lstat(path.c_str(), &named) == 0 && named.st_dev == status.st_dev &&
+                          named.st_ino == status.st_ino;
+        return !turn || ::rename(path.c_str(), (path + ".1").c_str()) == 0;
     }
 
     void append(std::string_view record) const {
@@ -99,6 +134,21 @@ public:
     }
 
 private:
+    bool open(const std::string& place) {
+        constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+        descriptor = ::open(place.c_str(), flags | O_CLOEXEC, 0600);
+        return descriptor >= 0;
+    }
+
+    // A pipe or a device under the log's name could block, so only a regular file will do. Only one
+    // that stands out is worth a look at its folder.
+    bool isWritable(const std::string& folder) {
+        struct stat around {};
+        return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+               ((status.st_uid == ::geteuid() && status.st_nlink == 1) ||
+                (::stat(folder.c_str(), &around) == 0 && !isPlanted(status, around)));
+    }
+
     // A full disk cut the record short: what there is of it goes, unless others wrote behind it.
     void takeBack(ssize_t written) const {
         const off_t end = ::lseek(descriptor, 0, SEEK_CUR);
@@ -109,9 +159,9 @@ private:
     }
 
     const std::string& path;
-    int descriptor;
+    int descriptor = -1;
     struct stat status {};
-    bool usable;
+    bool usable = false;
 };
 
 void writeRecord(const std::string& path, std::string_view record) {
@@ -121,7 +171,9 @@ void writeRecord(const std::string& path, std::string_view record) {
             file.append(record);
             return;
         }
-        file.turnOver();
+        if (!file.turnOver()) {
+            return; // full for good: it grows no further
+        }
     }
     log_file{path}.append(record);
 }
@@ -133,8 +185,9 @@ std::string variable(const char* name) {
 
 // Where the log of a name is kept; empty when the environment names no place.
 std::filesystem::path logFolder(const std::string& name) {
-    if (const auto folder = variable("LOG2_DIR"); !folder.empty()) {
-        return std::filesystem::absolute(folder);
+    if (const auto given = variable("LOG2_DIR"); !given.empty()) {
+        const auto folder = std::filesystem::absolute(given);
+        return folder.has_filename() ? folder : folder.parent_path(); // no slash at its end
     }
     // A relative XDG_STATE_HOME is invalid and to be ignored, as the XDG base directories have it.
     if (const auto state = variable("XDG_STATE_HOME"); state.starts_with('/')) {
@@ -146,12 +199,17 @@ std::filesystem::path logFolder(const std::string& name) {
     return {};
 }
 
-void makeFolder(const std::filesystem::path& folder) {
+// Makes the folder if it is missing, and tells whether there is one that was not planted.
+bool makeFolder(const std::filesystem::path& folder) {
     std::filesystem::path made;
+    struct stat entry {};
+    struct stat around {};
     for (const auto& part : folder) {
         made /= part;
         static_cast<void>(::mkdir(made.c_str(), 0700));
     }
+    return ::lstat(folder.c_str(), &entry) == 0 &&
+           ::stat(folder.parent_path().c_str(), &around) == 0 && !isPlanted(entry, around);
 }
 
 std::string fileName(const char* given) {
@@ -241,8 +299,7 @@ void LogOpen2(const char* name, int level, int /*flag*/) try {
     const undisturbed scope;
     LogClose();
     const auto safe_name = fileName(name);
-    if (const auto folder = logFolder(safe_name); !folder.empty()) {
-        makeFolder(folder);
+    if (const auto folder = logFolder(safe_name); !folder.empty() && makeFolder(folder)) {
         current = new open_log{folder / (safe_name + ".log"), level, current};
     }
 } catch (...) { // no log, then
