@@ -1,28 +1,50 @@
-// The functions that euscp.so forwards, under the same names: arguments checked, failures turned
-// into codes, the work done elsewhere.
+// The interface: arguments checked, failures turned into codes, the work done elsewhere.
 
-#include "certificate.h"
-#include "files.h"
+#include "cms/certificate.h"
+#include "cms/files.h"
+#include "cms/signing.h"
+#include "cms/verifying.h"
 #include "hand_out.h"
-#include "key_pairs.h"
-#include "private_key.h"
-#include "signature.h"
+#include "media.h"
+#include "texts.h"
+#include "token/key_pairs.h"
+#include "token/private_key.h"
 
 #include <algorithm>
-#include <array>
+#include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <openssl/crypto.h>
 
 using namespace eu;
 
 namespace {
 
-constexpr DWORD token_type = 0;
+// The one media type's description, as the caller knows it, in Windows-1251.
+constexpr char type_description[] = "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1\xCA";
 
-// The tokens by device index, as last listed.
-std::optional<std::vector<token>>& devices() {
-    static std::optional<std::vector<token>> listed;
-    return listed;
+bool initialized = false;
+
+// Makes OpenSSL ready. Neither what openssl.cnf or the environment may name, code to be loaded
+// among it, nor the texts of errors, which nobody asks for. Its memory goes with the process, which
+// ends sooner without a cleaning up that a module's own handlers might run into.
+void prepareCrypto() {
+    constexpr std::uint64_t options =
+        OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_NO_ATEXIT;
+    succeed(OPENSSL_init_crypto(options, nullptr));
+}
+
+// Runs an operation of the initialised library and tells its result code. OpenSSL is made ready
+// before all else: reading its queue of errors would make it ready in its own way.
+template <class Operation>
+DWORD serve(Operation operation) noexcept {
+    if (!initialized) {
+        return EU_ERROR_NOT_INITIALIZED;
+    }
+    return guarded([&operation] {
+        prepareCrypto();
+        operation();
+    });
 }
 
 struct library_context {};
@@ -48,23 +70,9 @@ std::string_view passwordOf(const EU_KEY_MEDIA& medium) {
     return {medium.szPassword, end};
 }
 
-// The token of a key medium, as it was listed last.
-const token& tokenOf(const EU_KEY_MEDIA& medium) {
-    require(medium.dwTypeIndex == token_type, EU_ERROR_BAD_PARAMETER);
-    if (!devices()) {
-        devices() = listTokens();
-    }
-    require(medium.dwDevIndex < devices()->size(), EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
-    return (*devices())[medium.dwDevIndex];
-}
-
 EU_CERT_OWNER_INFO ownerOf(const private_key& key) {
-    try {
-        return named<EU_CERT_OWNER_INFO>(key.certificate());
-    } catch (const failure& e) {
-        require(e.code == EU_ERROR_CERT_NOT_FOUND, e.code);
-        return {};
-    }
+    return key.hasCertificate() ? named<EU_CERT_OWNER_INFO>(key.certificate())
+                                : EU_CERT_OWNER_INFO{};
 }
 
 void requireSignable(DWORD algorithm, BOOL external) {
@@ -74,40 +82,49 @@ void requireSignable(DWORD algorithm, BOOL external) {
 
 } // namespace
 
+void EUSetUIMode(BOOL /*bUIMode*/) {}
+
 DWORD EUInitialize() {
-    return guarded([] {
-        // Neither what openssl.cnf or the environment may name, code to be loaded among it, nor
-        // the texts of errors, which nobody asks for. Its memory goes with the process, which ends
-        // sooner without a cleaning up that a module's own handlers might run into.
-        constexpr std::uint64_t options = OPENSSL_INIT_NO_LOAD_CONFIG |
-                                          OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
-                                          OPENSSL_INIT_NO_ATEXIT;
-        succeed(OPENSSL_init_crypto(options, nullptr));
+    initialized = true;
+    return EU_ERROR_NONE;
+}
+
+void EUFinalize() {
+    initialized = false;
+    forgetLook();
+}
+
+const char* EUGetErrorLangDesc(DWORD dwError, DWORD /*dwLanguage*/) {
+    return describe(dwError);
+}
+
+DWORD EUEnumKeyMediaTypes(DWORD dwTypeIndex, char* pszDescription) {
+    return serve([&] {
+        requireGiven({pszDescription});
+        require(dwTypeIndex == token_type, EU_WARNING_END_OF_ENUM);
+        std::ranges::copy(type_description, pszDescription);
     });
 }
 
 DWORD EUEnumKeyMediaDevices(DWORD dwTypeIndex, DWORD dwDevIndex, char* pszDescription) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pszDescription});
         require(dwTypeIndex == token_type, EU_WARNING_END_OF_ENUM);
-        if (dwDevIndex == 0 || !devices()) {
-            devices() = listTokens();
-        }
-        require(dwDevIndex < devices()->size(), EU_WARNING_END_OF_ENUM);
-        copyTo(pszDescription, (*devices())[dwDevIndex].serial);
+        const auto& media = listedMedia(dwDevIndex == 0);
+        require(dwDevIndex < media.size(), EU_WARNING_END_OF_ENUM);
+        copyTo(pszDescription, media[dwDevIndex].text);
     });
 }
 
 DWORD EUIsPrivateKeyExists(const EU_KEY_MEDIA* pKeyMedia, BOOL* pbExists) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pKeyMedia, pbExists});
-        const session with(tokenOf(*pKeyMedia), session::mode::read_only);
-        *pbExists = signingKeys(with).empty() ? 0 : 1;
+        *pbExists = showsKey(mediumOf(*pKeyMedia)) ? 1 : 0;
     });
 }
 
 DWORD EUCtxCreate(void** ppvContext) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({ppvContext});
         *ppvContext = new library_context;
     });
@@ -122,9 +139,12 @@ DWORD EUCtxReadPrivateKey(
     const EU_KEY_MEDIA* pKeyMedia,
     void** ppvPrivateKey,
     EU_CERT_OWNER_INFO* pInfo) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pvContext, pKeyMedia, ppvPrivateKey, pInfo});
-        auto key = std::make_unique<private_key>(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
+        const token& medium = mediumOf(*pKeyMedia);
+        auto key = watched(medium, [&] {
+            return std::make_unique<private_key>(medium, passwordOf(*pKeyMedia), takenLook(medium));
+        });
         *pInfo = ownerOf(*key);
         *ppvPrivateKey = key.release();
     });
@@ -147,7 +167,7 @@ DWORD EUCtxGetOwnCertificate(
     EU_CERT_INFO_EX** ppInfo,
     BYTE** ppbCertificate,
     DWORD* pdwCertificateLength) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pvPrivateKey, ppInfo, ppbCertificate, pdwCertificateLength});
         require(
             dwCertKeyType == EU_CERT_KEY_TYPE_OWN && dwKeyUsage == EU_KEY_USAGE_SIGNATURE,
@@ -181,7 +201,7 @@ DWORD EUCtxSignData(
     BOOL bAppendCert,
     BYTE** ppbSignature,
     DWORD* pdwSignatureLength) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pvPrivateKey, pbData, ppbSignature, pdwSignatureLength});
         requireSignable(dwSignAlgorithm, bExternal);
         const bytes digest = sha256({pbData, dwDataLength});
@@ -197,13 +217,13 @@ DWORD EUCtxSignFile(
     BOOL bExternal,
     BOOL bAppendCert,
     const char* pszSignatureFileName) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pvPrivateKey, pszFileName, pszSignatureFileName});
         requireSignable(dwSignAlgorithm, bExternal);
-        checkTarget(pszSignatureFileName, pszFileName);
-        const bytes digest = fileDigest(pszFileName);
-        replaceFile(
-            pszSignatureFileName,
+        const data_file data(pszFileName);
+        const signature_file target(pszSignatureFileName, data);
+        const bytes digest = data.digest();
+        target.replace(
             signDigest(*static_cast<private_key*>(pvPrivateKey), digest, bAppendCert != 0));
     });
 }
@@ -222,7 +242,7 @@ DWORD EUVerifyDataWithParams(
     DWORD dwCertificateLength,
     const void* pvSettings,
     EU_SIGN_INFO* pInfo) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pbData, pbSignature, pbCertificate, pInfo});
         requireUnused(
             {pvHash == nullptr,
@@ -235,11 +255,9 @@ DWORD EUVerifyDataWithParams(
             {pbData, dwDataLength},
             {pbSignature, dwSignatureLength},
             {pbCertificate, dwCertificateLength});
-        const bool timed = result.signingTime != nullptr;
-        const SYSTEMTIME time = timed ? systemTime(result.signingTime) : SYSTEMTIME{};
         *pInfo = named<EU_SIGN_INFO>(result.signer.get());
-        pInfo->bTimeAvail = timed ? 1 : 0;
-        pInfo->Time = time;
+        pInfo->bTimeAvail = result.signingTime ? 1 : 0;
+        pInfo->Time = result.signingTime.value_or(SYSTEMTIME{});
     });
 }
 
@@ -274,7 +292,7 @@ DWORD EUGeneratePrivateKeyEx(
     BYTE** ppbInternationalRequest,
     DWORD* pdwInternationalRequestLength,
     char* pszInternationalName) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven(
             {pKeyMedia, ppbDsRequest, pdwDsRequestLength, ppbKepRequest, pdwKepRequestLength});
         for (const void* unused : std::initializer_list<const void*>{
@@ -290,7 +308,9 @@ DWORD EUGeneratePrivateKeyEx(
                  pszInternationalName}) {
             require(unused == nullptr, EU_ERROR_NOT_SUPPORTED);
         }
-        key_requests requests = generateKeys(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
+        const token& medium = mediumOf(*pKeyMedia);
+        key_requests requests =
+            watched(medium, [&] { return generateKeys(medium, passwordOf(*pKeyMedia)); });
         requests.ds.giveAway(ppbDsRequest, pdwDsRequestLength);
         requests.kep.giveAway(ppbKepRequest, pdwKepRequestLength);
         if (pszDsName != nullptr) {
@@ -303,9 +323,10 @@ DWORD EUGeneratePrivateKeyEx(
 }
 
 DWORD EUDestroyPrivateKey(const EU_KEY_MEDIA* pKeyMedia) {
-    return guarded([&] {
+    return serve([&] {
         requireGiven({pKeyMedia});
-        destroyKeys(tokenOf(*pKeyMedia), passwordOf(*pKeyMedia));
+        const token& medium = mediumOf(*pKeyMedia);
+        watched(medium, [&] { destroyKeys(medium, passwordOf(*pKeyMedia)); });
     });
 }
 

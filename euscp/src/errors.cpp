@@ -40,6 +40,11 @@ void check(CK_RV result) {
     }
 }
 
+void checkChange(CK_RV result) {
+    require(result != CKR_USER_TYPE_INVALID, EU_ERROR_KEY_MEDIAS_ADMINISTRATOR);
+    check(result);
+}
+
 bool worked(CK_RV result) {
     require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
     return result == CKR_OK;

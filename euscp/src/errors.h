@@ -22,6 +22,10 @@ DWORD codeOf(CK_RV result);
 // Throws a failure unless the PKCS#11 call succeeded.
 void check(CK_RV result);
 
+// The same for a call that makes or destroys keys, which some tokens let nobody do but their
+// administrator.
+void checkChange(CK_RV result);
+
 // Tells whether a call succeeded whose failure is got past. Throws EU_ERROR_MEMORY if memory ran
 // out: what is left out then would be missing from an answer.
 bool worked(CK_RV result);

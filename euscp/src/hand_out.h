@@ -2,7 +2,7 @@
 #pragma once
 
 #include "bytes.h"
-#include "certificate.h"
+#include "cms/certificate.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -5,11 +5,11 @@
 #include "errors.h"
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <openssl/bio.h>
 #include <openssl/cms.h>
 #include <openssl/ec.h>
-#include <openssl/ess.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -56,12 +56,21 @@ bytes encoded(T* object, Encode encode) {
     return der;
 }
 
-// The object that a DER encoding holds, by its d2i function. Bytes behind the object are a failure.
+// Takes the next object off an encoding, by its d2i function, whose lengths must fit an int.
 template <class Owner, class Decode>
-Owner decoded(view der, Decode decode, DWORD code) {
-    const unsigned char* end = der.data();
-    auto object = taken<Owner>(decode(nullptr, &end, static_cast<long>(der.size())), code);
-    require(end == der.data() + der.size(), code);
+Owner decodedNext(view& encoding, Decode decode, DWORD code) {
+    require(encoding.size() <= std::numeric_limits<int>::max(), code);
+    const unsigned char* end = encoding.data();
+    auto object = taken<Owner>(decode(nullptr, &end, static_cast<long>(encoding.size())), code);
+    encoding = encoding.subspan(static_cast<std::size_t>(end - encoding.data()));
+    return object;
+}
+
+// The object that an encoding holds. Bytes behind the object are a failure.
+template <class Owner, class Decode>
+Owner decoded(view encoding, Decode decode, DWORD code) {
+    auto object = decodedNext<Owner>(encoding, decode, code);
+    require(encoding.empty(), code);
     return object;
 }
 
@@ -74,11 +83,14 @@ Owner decodedStrictly(view der, Decode decode, Encode encode, DWORD code) {
     return object;
 }
 
+inline bytes hash(view message, const EVP_MD* digest) {
+    bytes hashed(static_cast<std::size_t>(EVP_MD_get_size(digest)));
+    succeed(EVP_Digest(message.data(), message.size(), hashed.data(), nullptr, digest, nullptr));
+    return hashed;
+}
+
 inline bytes sha256(view message) {
-    bytes digest(32);
-    succeed(
-        EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr));
-    return digest;
+    return hash(message, EVP_sha256());
 }
 
 // Whether two public keys are the same. Throws EU_ERROR_MEMORY if there is no memory to compare

@@ -1,30 +1,17 @@
-// A PKCS#11 token, a session with it, and the objects on it.
+// A session with a token, and the objects seen in it.
 #pragma once
 
 #include "bytes.h"
-#include "errors.h"
+#include "token/token.h"
 
 #include <deque>
+#include <initializer_list>
+#include <map>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
 namespace eu {
-
-// An initialised token, as it was when it was listed.
-struct token {
-    CK_FUNCTION_LIST* module;
-    CK_SLOT_ID slot;
-    std::string serial; // without its blank padding; not empty
-    std::string label;  // likewise; may be empty
-};
-
-// The initialised tokens with a serial number, in module and slot order.
-std::vector<token> listTokens();
-
-// The key size range of a mechanism that the token offers, or nothing.
-std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type);
 
 // A list of attributes with the storage of their values.
 class attributes {
@@ -46,6 +33,19 @@ private:
     std::vector<CK_ATTRIBUTE> list;
 };
 
+// What an object tells of itself: nothing of what it does not have, or hides.
+class object_values {
+public:
+    void set(CK_ATTRIBUTE_TYPE type, bytes value) { values[type] = std::move(value); }
+
+    const bytes* find(CK_ATTRIBUTE_TYPE type) const;
+    std::optional<CK_ULONG> number(CK_ATTRIBUTE_TYPE type) const;
+    std::optional<bool> flag(CK_ATTRIBUTE_TYPE type) const;
+
+private:
+    std::map<CK_ATTRIBUTE_TYPE, bytes> values;
+};
+
 class session {
 public:
     enum class mode { read_only, read_write };
@@ -57,9 +57,10 @@ public:
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    // Logs in as the user. A login that another session of the process left is ended first, so
-    // the token itself judges the password. A password of a length that the token rules out is
-    // refused without costing an attempt.
+    // Logs in as the user. The token is looked at once more, so that another one which has taken
+    // its place is not tried: throws as the opening does. A login that another session of the
+    // process left is ended first, so the token itself judges the password. A password of a length
+    // that the token rules out is refused without costing an attempt.
     void login(std::string_view password);
 
     // Gives the password once more, for the one signature just begun.
@@ -69,6 +70,10 @@ public:
     // killed at, lacks CKA_TOKEN: it may pass for a key, and asking for its value may write to it.
     std::vector<CK_OBJECT_HANDLE> find(attributes& wanted) const;
     std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const; // with CKA_TOKEN
+
+    // Attributes of an object, in one call where the module answers it whole.
+    object_values
+    values(CK_OBJECT_HANDLE object, std::initializer_list<CK_ATTRIBUTE_TYPE> types) const;
 
     // An attribute of an object; nothing if the object does not have it, hides it or has gone.
     std::optional<bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;

@@ -1,4 +1,4 @@
-#include "request.h"
+#include "cms/request.h"
 
 namespace eu {
 

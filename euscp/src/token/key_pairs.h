@@ -2,7 +2,7 @@
 #pragma once
 
 #include "hand_out.h"
-#include "token.h"
+#include "token/token.h"
 
 #include <string_view>
 
@@ -18,7 +18,8 @@ struct key_requests {
 // what was made is removed again.
 key_requests generateKeys(const token& on, std::string_view password);
 
-// Destroys the token's signing key, everything generateKeys ever made, and their certificates.
+// Destroys the token's signing key, the pair made beside it, what generations and destructions that
+// were cut short left, and the certificates of all these.
 void destroyKeys(const token& on, std::string_view password);
 
 } // namespace eu

@@ -1,8 +1,9 @@
-#include "token.h"
+#include "token/session.h"
 
-#include "locks.h"
-#include "modules.h"
+#include "texts.h"
+#include "token/locks.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -10,71 +11,17 @@ namespace eu {
 
 namespace {
 
-// Texts of a token are padded with blanks; some modules use zero bytes instead.
-template <std::size_t Size>
-std::string unpadded(const unsigned char (&field)[Size]) {
-    const std::string text(reinterpret_cast<const char*>(field), Size);
-    const std::string cut = text.substr(0, text.find('\0'));
-    return cut.substr(0, cut.find_last_not_of(' ') + 1);
-}
+// Room for most values at once: asking for the length first would double the calls, which are what
+// takes time.
+constexpr std::size_t value_room = 1024;
 
-// The slots that hold a token; none for a module that cannot tell.
-std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
-    CK_ULONG count = 0;
-    if (!worked(module->C_GetSlotList(CK_TRUE, nullptr, &count))) {
-        return {};
-    }
-    count += 4; // room for tokens plugged in between the two calls
-    std::vector<CK_SLOT_ID> slots(count);
-    if (!worked(module->C_GetSlotList(CK_TRUE, slots.data(), &count))) {
-        return {};
-    }
-    slots.resize(count);
-    return slots;
-}
-
-// The token's present state. Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when it is no longer in its
-// slot or another one is.
-CK_TOKEN_INFO present(const token& listed) {
-    CK_TOKEN_INFO info{};
-    const state_lock reading(state_lock::purpose::reading);
-    check(listed.module->C_GetTokenInfo(listed.slot, &info));
-    require(
-        unpadded(info.serialNumber) == listed.serial && unpadded(info.label) == listed.label,
-        EU_ERROR_KEY_MEDIAS_ACCESS_FAILED);
-    return info;
+// The password is the one argument of a login that can be bad: some modules say so of its length.
+void checkLogin(CK_RV result) {
+    const bool length = result == CKR_ARGUMENTS_BAD || result == CKR_DATA_LEN_RANGE;
+    check(length ? CKR_PIN_LEN_RANGE : result);
 }
 
 } // namespace
-
-std::vector<token> listTokens() {
-    std::vector<token> tokens;
-    const state_lock reading(state_lock::purpose::reading);
-    for (CK_FUNCTION_LIST* module : modules()) {
-        for (const CK_SLOT_ID slot : slotsWithToken(module)) {
-            CK_TOKEN_INFO info{};
-            if (!worked(module->C_GetTokenInfo(slot, &info)) ||
-                (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
-                continue;
-            }
-            const std::string serial = unpadded(info.serialNumber);
-            if (!serial.empty()) {
-                tokens.push_back({module, slot, serial, unpadded(info.label)});
-            }
-        }
-    }
-    return tokens;
-}
-
-std::optional<CK_MECHANISM_INFO> mechanism(const token& listed, CK_MECHANISM_TYPE type) {
-    CK_MECHANISM_INFO info{};
-    const CK_RV result = listed.module->C_GetMechanismInfo(listed.slot, type, &info);
-    if (result == CKR_MECHANISM_INVALID) {
-        return std::nullopt;
-    }
-    check(result);
-    return info;
-}
 
 attributes& attributes::add(CK_ATTRIBUTE_TYPE type, view value) {
     bytes& kept = values.emplace_back(value.begin(), value.end());
@@ -95,6 +42,26 @@ attributes& attributes::number(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
     return add(type, view(reinterpret_cast<const unsigned char*>(&value), sizeof value));
 }
 
+const bytes* object_values::find(CK_ATTRIBUTE_TYPE type) const {
+    const auto found = values.find(type);
+    return found != values.end() ? &found->second : nullptr;
+}
+
+std::optional<CK_ULONG> object_values::number(CK_ATTRIBUTE_TYPE type) const {
+    const bytes* raw = find(type);
+    CK_ULONG result = 0;
+    if (raw == nullptr || raw->size() != sizeof result) {
+        return std::nullopt;
+    }
+    std::memcpy(&result, raw->data(), sizeof result);
+    return result;
+}
+
+std::optional<bool> object_values::flag(CK_ATTRIBUTE_TYPE type) const {
+    const bytes* raw = find(type);
+    return raw != nullptr && !raw->empty() ? std::optional(raw->front() != CK_FALSE) : std::nullopt;
+}
+
 session::session(token with, mode access) : on(std::move(with)), info(present(on)) {
     const bool writes = access == mode::read_write;
     require(
@@ -109,17 +76,18 @@ session::~session() {
 }
 
 void session::login(std::string_view password) {
+    info = present(on);
     require(
         password.size() >= info.ulMinPinLen &&
             (info.ulMaxPinLen == 0 || password.size() <= info.ulMaxPinLen), // 0: not told
         EU_ERROR_PASSWORD_LENGTH);
 
     call().C_Logout(opened); // fails where nobody is logged in, which is as good
-    check(give(CKU_USER, password));
+    checkLogin(give(CKU_USER, password));
 }
 
 void session::loginForSignature(std::string_view password) const {
-    check(give(CKU_CONTEXT_SPECIFIC, password));
+    checkLogin(give(CKU_CONTEXT_SPECIFIC, password));
 }
 
 CK_RV session::give(CK_USER_TYPE user, std::string_view password) const {
@@ -129,7 +97,7 @@ CK_RV session::give(CK_USER_TYPE user, std::string_view password) const {
         call().C_GetSlotInfo(on.slot, &slot) == CKR_OK && (slot.flags & CKF_HW_SLOT) != 0;
     std::optional<state_lock> writing;
     if (!hardware) {
-        writing.emplace(state_lock::purpose::writing);
+        writing.emplace(state_lock::purpose::writing, on.module, on.serial);
     }
     // C_Login takes a pointer to writable characters and writes nothing there.
     auto* pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(password.data()));
@@ -138,7 +106,7 @@ CK_RV session::give(CK_USER_TYPE user, std::string_view password) const {
 
 std::vector<CK_OBJECT_HANDLE> session::find(attributes& wanted) const {
     std::vector<CK_OBJECT_HANDLE> found;
-    std::array<CK_OBJECT_HANDLE, 16> batch{};
+    std::array<CK_OBJECT_HANDLE, 64> batch{};
     CK_ULONG count = 0;
     check(call().C_FindObjectsInit(opened, wanted.data(), wanted.size()));
     CK_RV result = CKR_OK;
@@ -157,10 +125,34 @@ std::vector<CK_OBJECT_HANDLE> session::find(CK_OBJECT_CLASS objectClass) const {
     return find(attributes().number(CKA_CLASS, objectClass).flag(CKA_TOKEN, true));
 }
 
+object_values
+session::values(CK_OBJECT_HANDLE object, std::initializer_list<CK_ATTRIBUTE_TYPE> types) const {
+    bytes room(types.size() * value_room);
+    std::vector<CK_ATTRIBUTE> asked;
+    for (const CK_ATTRIBUTE_TYPE type : types) {
+        asked.push_back({type, room.data() + asked.size() * value_room, value_room});
+    }
+    const CK_RV result = call().C_GetAttributeValue(opened, object, asked.data(), asked.size());
+    require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
+    const bool told = result == CKR_OK || result == CKR_ATTRIBUTE_TYPE_INVALID ||
+                      result == CKR_ATTRIBUTE_SENSITIVE;
+    object_values found;
+    for (const CK_ATTRIBUTE& each : asked) {
+        // After a failure, an attribute that stands as it was asked for was not looked at.
+        if (!told || (result != CKR_OK && each.ulValueLen == value_room)) {
+            if (auto alone = value(object, each.type)) {
+                found.set(each.type, std::move(*alone));
+            }
+        } else if (each.ulValueLen <= value_room) {
+            const auto* start = static_cast<const unsigned char*>(each.pValue);
+            found.set(each.type, bytes(start, start + each.ulValueLen));
+        }
+    }
+    return found;
+}
+
 std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    // Room for most values at once: asking for the length first would double the calls, which are
-    // what takes time.
-    bytes contents(1024);
+    bytes contents(value_room);
     CK_ATTRIBUTE attribute{type, contents.data(), contents.size()};
     CK_RV result = call().C_GetAttributeValue(opened, object, &attribute, 1);
     if (result == CKR_BUFFER_TOO_SMALL) {
@@ -184,22 +176,15 @@ std::optional<bytes> session::value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE t
 }
 
 std::optional<CK_ULONG> session::number(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    const auto raw = value(object, type);
-    CK_ULONG result = 0;
-    if (!raw || raw->size() != sizeof result) {
-        return std::nullopt;
-    }
-    std::memcpy(&result, raw->data(), sizeof result);
-    return result;
+    return values(object, {type}).number(type);
 }
 
 bool session::flag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
-    const auto raw = value(object, type);
-    return raw && !raw->empty() && raw->front() != CK_FALSE;
+    return values(object, {type}).flag(type).value_or(false);
 }
 
 void session::destroy(CK_OBJECT_HANDLE object) const {
-    check(call().C_DestroyObject(opened, object));
+    checkChange(call().C_DestroyObject(opened, object));
 }
 
 } // namespace eu
