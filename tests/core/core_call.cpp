@@ -37,12 +37,12 @@ static std::wstring wide() {
     return text;
 }
 
-// What stands in a buffer of so many characters afterwards and behind it, where it was all '#'.
+// What stands in a buffer of so many bytes afterwards and behind it, where it was all '#'.
 static std::string decodeUtf8() {
     const auto room = number(2);
-    std::wstring out(room + 1, L'#');
+    std::wstring out(room / sizeof(wchar_t) + 1, L'#');
     try {
-        TextDecodeUtf8(out.data(), room * sizeof(wchar_t), argument[0], number(1));
+        TextDecodeUtf8(out.data(), room, argument[0], number(1));
     } catch (const Orlek::internal_error&) { out += L'!'; }
     std::string shown;
     for (const wchar_t character : out) { shown.append(" ").append(std::to_string(character)); }

@@ -121,7 +121,8 @@ def file_calls(setting):
     (setting.folder / "log2/liblog2.so").symlink_to(os.path.abspath(f"{sys.argv[2]}/liblog2.so"))
     # Without the prctl by which the program keeps its files and memory from being looked at.
     # The sanitizer looks for leaks by tracing, and excludes another tracer.
-    tracing = ("env", "ASAN_OPTIONS=detect_leaks=0", "strace", "-qq", "-y", "-o", "../trace",
+    sanitizer = f"ASAN_OPTIONS=detect_leaks=0:{setting.env['ASAN_OPTIONS']}"
+    tracing = ("env", sanitizer, "strace", "-qq", "-y", "-o", "../trace",
                "-e", "inject=prctl:retval=0")
     for command, made, survives, libraries in (
             ("key create S1 secret ds kep req.zip", "req.zip", True, sys.argv[2]),
@@ -132,7 +133,7 @@ def file_calls(setting):
         smooth = Run(setting, command, tracing, libraries)
         whole = (smooth.folder / made).stat().st_size
         smooth.check(smooth.out in (DONE, PASSED))
-        named = rf'{smooth.folder}/\w|"({"|".join(FILES)}|./.sign)'
+        named = rf'{smooth.folder}/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
         seen = collections.Counter()
         for line in (setting.folder / "trace").read_text().splitlines():
             call = line.partition("(")[0]

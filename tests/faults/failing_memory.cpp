@@ -20,7 +20,6 @@ extern "C" { // the C library's allocator, by names that nobody interposes
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* old, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
 }
 
 namespace {
@@ -89,10 +88,4 @@ extern "C" {
 void* malloc(size_t size) { return fails() ? nullptr : __libc_malloc(size); }
 void* calloc(size_t count, size_t size) { return fails() ? nullptr : __libc_calloc(count, size); }
 void* realloc(void* old, size_t size) { return fails() ? nullptr : __libc_realloc(old, size); }
-void* memalign(size_t edge, size_t size) { return fails() ? nullptr : __libc_memalign(edge, size); }
-void* aligned_alloc(size_t edge, size_t size) { return memalign(edge, size); }
-int posix_memalign(void** result, size_t edge, size_t size) {
-    *result = memalign(edge, size);
-    return *result != nullptr ? 0 : ENOMEM;
-}
 }

@@ -12,7 +12,6 @@ import tempfile
 PROGRAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "velmora"
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 USAGE = (ROOT / "tests/tool/usage.txt").read_text()
-ALL = os.environ.get("VELMORA_FAULTS") == "all"  # the long form of a test that has one
 PIN = "24681012"
 KEY = {"Public": 2, "Private": 2}  # the objects of a key that was generated
 VERIFY = ("openssl cms -verify -binary -inform DER -content data -certfile ds.pem -nointern"
@@ -52,10 +51,11 @@ class Setting:
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velmora-faults."))
         self.env = dict(os.environ, HOME=f"{self.folder}", LOG2_DIR=f"{self.folder}/log",
-                        SOFTHSM2_CONF=f"{self.folder}/softhsm2.conf", GNUTLS_PIN=PIN, LC_ALL="C")
+                        GNUTLS_PIN=PIN, LC_ALL="C")
         self.how = {"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
                     "capture_output": True}
-        self.bash('private_softhsm "$PWD"')
+        exported = self.bash('private_softhsm "$PWD"; env -0').split("\0")
+        self.env.update(each.split("=", 1) for each in exported if each)
 
     def __enter__(self):
         return self
@@ -87,18 +87,8 @@ class Setting:
         return self.bash(f'new_token "{label}" {PIN}')
 
     def certify(self, serial):
-        """Issues certificates for both requests in req.zip and puts them on the token; the one for
-        signatures becomes ds.pem."""
-        self.bash(f"""
-            [[ -e ca.pem ]] || openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 \
-                -noenc -keyout ca.key -out ca.pem -subj /CN=CA
-            unzip -qo req.zip
-            for name in ds kep; do
-                openssl x509 -req -inform DER -in $name -copy_extensions copy -days 365 \
-                    -CA ca.pem -CAkey ca.key -out $name.pem
-                p11tool --batch --login --write --load-certificate $name.pem --label $name \
-                    "pkcs11:serial={serial}"
-            done""")
+        """Has both requests in req.zip certified, also on the token; ds.pem is for signatures."""
+        self.bash(f"unzip -qo req.zip; certify {serial} {PIN} ''")
 
     def token_with_key(self, label):
         """The serial of a new token with a certified key."""

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <optional>
 #include <string_view>
@@ -18,7 +19,8 @@ using triple = std::array<text, 3>; // data, signature, certificate
 
 struct seed {
     triple parts;
-    text der, pem; // both forms of the certificate
+    text der, base64;       // both forms of the certificate
+    std::vector<text> told; // by the signed attributes, one after the other
 };
 std::vector<seed> seeds;
 
@@ -26,16 +28,9 @@ void require(bool promise) {
     if (!promise) { std::abort(); }
 }
 
-text wrapped(int form, int tag, int kind, view content) {
-    std::array<unsigned char, 16> header{};
-    auto* end = header.data();
-    ASN1_put_object(&end, form, static_cast<int>(content.size()), tag, kind);
-    return text(header.data(), end).append(content);
-}
-
 // DER with its elements changed, and the lengths around them put right. A replacement takes an
 // element's place; where there is none, what is in the element is gone through.
-using change = std::function<replacement(int depth, view element)>;
+using change = std::function<replacement(int depth, view element, view inside)>;
 
 text changed(view encoding, const change& each, int depth = 0) {
     text out;
@@ -49,10 +44,14 @@ text changed(view encoding, const change& each, int depth = 0) {
         const auto header = static_cast<std::size_t>(content - start);
         const auto length = header + static_cast<std::size_t>(size);
         const view element = encoding.substr(0, whole ? length : encoding.npos);
-        if (const auto result = each(depth, element)) {
+        if (const auto result = each(depth, element, element.substr(header))) {
             out += *result;
         } else if (form == V_ASN1_CONSTRUCTED) {
-            out += wrapped(form, tag, kind, changed(element.substr(header), each, depth + 1));
+            const text inside = changed(element.substr(header), each, depth + 1);
+            std::array<unsigned char, 16> put{};
+            auto* end = put.data();
+            ASN1_put_object(&end, form, static_cast<int>(inside.size()), tag, kind);
+            out.append(put.data(), end).append(inside);
         } else {
             out += element;
         }
@@ -64,34 +63,37 @@ text changed(view encoding, const change& each, int depth = 0) {
 // The elements of an encoding, down to a depth.
 std::vector<view> elements(view encoding, int deepest) {
     std::vector<view> all;
-    changed(encoding, [&](int depth, view each) {
+    changed(encoding, [&](int depth, view each, view) {
         all.push_back(each);
         return depth == deepest ? replacement(each) : std::nullopt;
     });
     return all;
 }
 
-// A message without what CMS lets anybody change: the signer's certificate in it, and the NULL that
-// an algorithm without parameters may have. All of the signed attributes stays.
-text essence(view message, view own) {
-    const auto bare = changed(message, [&](int depth, view each) -> replacement {
-        const bool free = each == "\5\0"sv || (depth == 4 && each == own);
-        const bool attributes = depth == 5 && each[0] == '\xA0';
-        return free || attributes ? replacement(free ? "" : each) : std::nullopt;
+// What the attributes of the last signer tell, in the elements that hold no others.
+std::vector<text> toldIn(view message) {
+    std::vector<text> all;
+    changed(message, [&](int depth, view each, view inside) -> replacement {
+        if (depth == 5 && each[0] == '\xA0') { all.clear(); }
+        if (depth == 5 && each[0] != '\xA0') { return text(each); }
+        if (depth > 5 && (each[0] & V_ASN1_CONSTRUCTED) == 0) { all.emplace_back(inside); }
+        return std::nullopt;
     });
-    return changed(bare, [](int depth, view each) {
-        return depth == 3 && each == "\xA0\0"sv ? replacement("") : std::nullopt;
-    });
+    return all;
 }
 
-// A certificate in PEM may have text around it, and CR LF.
+// What passes has the data, the certificate and the signed attributes of a good one.
 bool isGood(const triple& parts) {
-    auto lines = parts[2];
-    for (auto at = text::npos; (at = lines.find("\r\n")) != text::npos;) { lines.erase(at, 1); }
+    auto characters = parts[2];
+    std::erase_if(characters, [](char each) { return " \t\r\n"sv.find(each) != view::npos; });
     return std::ranges::any_of(seeds, [&](const seed& good) {
-        return parts[0] == good.parts[0] &&
-               (parts[2] == good.der || lines.find(good.pem) != text::npos) &&
-               essence(parts[1], good.der) == essence(good.parts[1], good.der);
+        std::size_t at = 0;
+        const bool signs = std::ranges::all_of(good.told, [&](const text& each) {
+            at = parts[1].find(each, at);
+            return at != text::npos;
+        });
+        return signs && parts[0] == good.parts[0] &&
+               (parts[2] == good.der || characters.find(good.base64) != text::npos);
     });
 }
 
@@ -101,15 +103,17 @@ bool verifies(const triple& parts) { return made::verify(parts[0], parts[1], par
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     auto kinds = made::kinds();
-    kinds.pop_back(); // tied to its certificate by nothing but the copy inside, which may go
+    kinds.pop_back(); // tied to its certificate by nothing
     const auto textOf = [](const made::bytes& bytes) { return text(bytes.begin(), bytes.end()); };
-    for (const auto& [by, signature] : kinds) {
-        const auto der = textOf(made::der(by.certificate));
-        auto pem = textOf(made::pem(by.certificate));
-        pem.pop_back(); // the last line feed, which may be missing
-        for (const auto& certificate : {der, pem}) {
-            seeds.push_back({{textOf(made::data), textOf(signature), certificate}, der, pem});
-            require(verifies(seeds.back().parts));
+    for (const auto& [key, certificate, signature, own] : kinds) {
+        const auto der = textOf(made::der(certificate)), pem = textOf(made::pem(certificate));
+        auto base64 = pem.substr(27, pem.size() - 53); // between its labels
+        std::erase(base64, '\n');
+        const auto message = textOf(signature);
+        for (const auto& form : {der, pem}) {
+            seeds.push_back({{textOf(made::data), message, form}, der, base64, toldIn(message)});
+            require(seeds.back().told.size() > 8 && verifies(seeds.back().parts));
+            require(isGood(seeds.back().parts));
         }
     }
     return 0;
@@ -126,19 +130,23 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
         const auto donors = elements(other[roll(3)], deepest);
         const auto& donor = donors[roll(donors.size())];
         auto left = roll(elements(part, deepest).size() + 1);
-        part = changed(part, [&](int depth, view element) -> replacement {
-            if (left-- != 0) { return depth == deepest ? replacement(element) : std::nullopt; }
-            text each(element);
-            switch (roll(7)) {
+        part = changed(part, [&](int depth, view whole, view inside) -> replacement {
+            if (left-- != 0) { return depth == deepest ? replacement(whole) : std::nullopt; }
+            text each(whole);
+            switch (roll(8)) {
             case 0:
                 each[roll(2) * roll(each.size())] ^= static_cast<char>(1U << roll(8));
                 return each;
-            case 1: return each[0] + wrapped(0, 0, 0, input.ConsumeRandomLengthString()).substr(1);
-            case 2: return each.insert(1, "\x81"); // the length as no DER has it
-            case 3: return each.insert(roll(each.size()), input.ConsumeRandomLengthString(8));
-            case 4: return text(donor);
-            case 5:
-                each.append(donor)[element.size()] ^= static_cast<char>(roll(2)); // tag
+            case 1: return each.insert(1, "\x81"); // the length as no DER has it
+            case 2: return each.insert(roll(each.size()), input.ConsumeRandomLengthString());
+            case 3: return each[0] + "\x80"s.append(inside) + "\0\0"s; // no length at all
+            case 4: {
+                const auto random = input.ConsumeRandomLengthString(127);
+                return each[0] + text(1, static_cast<char>(random.size())) + random;
+            }
+            case 5: return text(donor);
+            case 6:
+                each.append(donor)[whole.size()] ^= static_cast<char>(roll(2)); // tag
                 return each;
             default: return "";
             }

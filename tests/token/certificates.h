@@ -4,7 +4,6 @@
 #include <EUSignCP.h>
 
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <openssl/cms.h>
 #include <openssl/evp.h>
@@ -48,21 +47,15 @@ inline bytes pem(const certificate& object) {
 
 inline EVP_PKEY* p256() { return EVP_EC_gen("P-256"); }
 
-struct terms {
-    const char* usage = "critical,digitalSignature"; // null: no key usage
-    long begin = -60;                                // seconds from now
-    long end = 3600;
-};
-
 // A certificate for the public key, issued by a throw-away authority.
-inline certificate issue(EVP_PKEY* subject, const terms& with = {}) {
+inline certificate issue(EVP_PKEY* subject, const char* usage = "critical,digitalSignature") {
     static const key authority(p256());
     static long serial = 1000;
     certificate made(X509_new());
     X509_set_version(made.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(made.get()), ++serial);
-    X509_gmtime_adj(X509_getm_notBefore(made.get()), with.begin);
-    X509_gmtime_adj(X509_getm_notAfter(made.get()), with.end);
+    X509_gmtime_adj(X509_getm_notBefore(made.get()), -60);
+    X509_gmtime_adj(X509_getm_notAfter(made.get()), 3600);
     X509_NAME_add_entry_by_NID(X509_get_issuer_name(made.get()), NID_commonName, MBSTRING_ASC,
         reinterpret_cast<const unsigned char*>("Throw-away CA"), -1, -1, 0);
     X509_set_pubkey(made.get(), subject);
@@ -72,72 +65,57 @@ inline certificate issue(EVP_PKEY* subject, const terms& with = {}) {
         X509_EXTENSION_free(extension);
     };
     extend(NID_subject_key_identifier, "01020304");
-    if (with.usage != nullptr) { extend(NID_key_usage, with.usage); }
+    if (usage != nullptr) { extend(NID_key_usage, usage); }
     X509_sign(made.get(), authority.get(), EVP_sha256());
     return made;
 }
 
-struct signer {
-    explicit signer(EVP_PKEY* owned = p256(), const terms& with = {})
-        : key(owned), certificate(issue(owned, with)) {}
+inline const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
+
+struct kind {
+    kind(EVP_PKEY* owned, unsigned flags, bool pss = false)
+        : key(owned), certificate(issue(owned)), own(flags == as_velmora) {
+        flags |= CMS_BINARY | CMS_PARTIAL | CMS_DETACHED;
+        const message made(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
+        CMS_SignerInfo* signer = CMS_add1_signer(
+            made.get(), certificate.get(), owned, EVP_sha256(), flags | (pss ? CMS_KEY_PARAM : 0U));
+        if (pss) {
+            EVP_PKEY_CTX_set_rsa_padding(
+                CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
+        }
+        const std::unique_ptr<BIO, freed<BIO_free>> input(
+            BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
+        CMS_final(made.get(), input.get(), nullptr, flags);
+        signature = der(made.get(), i2d_CMS_ContentInfo);
+    }
+
+    static constexpr unsigned as_velmora = CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP;
 
     made::key key;
     made::certificate certificate;
-};
-
-inline const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
-
-struct how {
-    unsigned flags = 0;
-    const EVP_MD* digest = EVP_sha256();
-    // Changes the message after the signer was added and before it is finished.
-    std::function<void(CMS_ContentInfo*, CMS_SignerInfo*)> change = {};
-    bool pss = false;
-    bytes of = data;
-};
-
-inline bytes sign(const signer& by, const how& with = {}) {
-    const unsigned flags = CMS_BINARY | CMS_PARTIAL | with.flags;
-    const message made(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags | CMS_DETACHED));
-    CMS_SignerInfo* signer = CMS_add1_signer(made.get(), by.certificate.get(), by.key.get(),
-        with.digest, flags | (with.pss ? CMS_KEY_PARAM : 0U));
-    if (with.pss) {
-        EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(signer), RSA_PKCS1_PSS_PADDING);
-    }
-    if (with.change) { with.change(made.get(), signer); }
-    const std::unique_ptr<BIO, freed<BIO_free>> input(
-        BIO_new_mem_buf(with.of.data(), static_cast<int>(with.of.size())));
-    CMS_final(made.get(), input.get(), nullptr, flags | CMS_DETACHED);
-    return der(made.get(), i2d_CMS_ContentInfo);
-}
-
-// Signatures that are tied to the certificate to its last byte: by its hash, in the last by a copy.
-struct kind {
-    kind(EVP_PKEY* owned, const how& with) : by(owned), signature(sign(by, with)) {}
-
-    signer by;
     bytes signature;
+    bool own; // as the library makes it: nothing in it is free
 };
 
+// Signatures that name their certificate by its hash, but for the last.
 inline std::vector<kind> kinds() {
     std::vector<kind> all;
-    all.emplace_back(p256(), how{CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP}); // as velmora does
-    all.emplace_back(p256(), how{CMS_CADES | CMS_USE_KEYID});
-    all.emplace_back(EVP_RSA_gen(2048), how{CMS_CADES | CMS_NOCERTS});
-    all.emplace_back(EVP_RSA_gen(2048), how{.flags = CMS_CADES | CMS_NOCERTS, .pss = true});
-    all.emplace_back(p256(), how{});
+    all.emplace_back(p256(), kind::as_velmora);
+    all.emplace_back(EVP_RSA_gen(2048), kind::as_velmora);
+    all.emplace_back(EVP_RSA_gen(2048), kind::as_velmora, true);
+    all.emplace_back(p256(), CMS_CADES | CMS_USE_KEYID);
+    all.emplace_back(p256(), 0U);
     return all;
 }
 
-// What the library says of a signature, and whether it has a time.
+// What the library says of a signature; a good one's time is told.
 template <class Bytes>
-DWORD verify(const Bytes& of, const Bytes& signature, const Bytes& with, bool* timed = nullptr) {
+DWORD verify(const Bytes& of, const Bytes& signature, const Bytes& with) {
     const auto raw = [](const Bytes& all) { return reinterpret_cast<const BYTE*>(all.data()); };
     EU_SIGN_INFO info{};
     const DWORD result = EUVerifyDataWithParams(raw(of), of.size(), nullptr, 0, raw(signature),
         signature.size(), 0, nullptr, 0, raw(with), with.size(), nullptr, &info);
-    if ((result == 0) != (info.bFilled != 0)) { std::abort(); }
-    if (timed != nullptr) { *timed = info.bTimeAvail != 0; }
+    if ((result == 0) != (info.bFilled != 0 && info.bTimeAvail != 0)) { std::abort(); }
     EUFreeSignInfo(&info);
     return result;
 }

@@ -5,9 +5,10 @@
 //                supported one up to its last letter, '+' for that letter, '~' for no character
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
+//   EU_INFO      "none": the own certificate comes without what is in it
 //   EU_FAIL      "k:code": the k-th call that returns a result returns this code; 4242 has no text
-//   EU_END       "k:how": in the k-th such call the library aborts, calls exit(5), or has a child
-//                process that calls exit(0): "abort", "exit" or "child"
+//   EU_END       "k:how": what the library does in the k-th such call beside it, see misbehave()
+//   EU_SOON      ten minutes are 0.3 seconds, and half a minute more is a second more
 //   <function>   the result of every call of the function of this name
 #include <EUSignCP.h>
 
@@ -21,6 +22,11 @@
 #include <string_view>
 #include <vector>
 
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,6 +118,49 @@ std::string call(const std::string& function, const values&... arguments) {
     return function + "(" + list + ")";
 }
 
+// Through a descriptor, stdio's buffer, a child that stays, and without end when the process ends.
+void talk() {
+    static const auto line = std::string(600, 'x') + '\n';
+    std::string text{"written\0also\n", 13};
+    for (int count = 0; count < 28; ++count) { text += line; }
+    (void)!::write(STDERR_FILENO, text.data(), text.size());
+    std::printf("the PIN is secret, 73 65 63 72 65 74\n\nprinted\nbeyond 32 lines");
+    if (::fork() == 0) { ::_exit(static_cast<int>(::sleep(20))); }
+    ::atexit([] {
+        for (int count = 0; ::write(STDOUT_FILENO, line.data(), line.size()) > 0;) {
+            if (++count > 10000) { ::_exit(1); }
+        }
+        std::abort();
+    });
+}
+
+void readOn() {
+    std::ifstream zeros{"/dev/zero"};
+    std::string piece(1 << 20, '\0');
+    const auto now = std::chrono::steady_clock::now;
+    for (const auto start = now(); now() - start < std::chrono::milliseconds(800);) {
+        zeros.read(piece.data(), 1 << 20);
+    }
+}
+
+void misbehave(const std::string& how) {
+    if (how == "abort") { std::abort(); }
+    if (how == "exit") { std::exit(-1); }
+    if (how == "child" && ::fork() == 0) { std::exit(0); }
+    ::wait(nullptr);
+    if (how == "talk") { talk(); }
+    if (how == "spill") { // what is read of it ends inside the PIN
+        const auto text = std::string(65516, 'x') + "\nsecret secret secret";
+        (void)!::write(STDOUT_FILENO, text.data(), text.size());
+    }
+    if (how == "read") { readOn(); }
+    if (how == "keep") { ::open("kept", O_CREAT | O_WRONLY, 0600); }
+    sigset_t all;
+    ::sigfillset(&all);
+    if (how == "deaf") { ::sigprocmask(SIG_BLOCK, &all, nullptr); }
+    while (how == "deaf" || how == "hang") { ::pause(); }
+}
+
 // Writes a call down and gives its result: the scripted one, else the natural one. The action hands
 // out what a call that succeeds does.
 DWORD answer(
@@ -119,11 +168,8 @@ DWORD answer(
     const auto fail = setting("EU_FAIL", "0:0");
     auto result = std::stoul(setting(call.substr(0, call.find('(')), std::to_string(natural)));
     if (++calls == std::stoi(fail)) { result = std::stoul(fail.substr(fail.find(':') + 1)); }
-    if (const auto end = setting("EU_END", "0:"); calls == std::stoi(end)) {
-        if (end.ends_with("abort")) { std::abort(); }
-        if (end.ends_with("exit")) { std::exit(5); }
-        if (::fork() == 0) { std::exit(0); }
-        ::wait(nullptr);
+    if (const auto end = split(setting("EU_END", "0:"), ':'); calls == std::stoi(end[0])) {
+        misbehave(end[1]);
     }
     if (result == EU_ERROR_NONE) { act(); }
     transcribe(call + " = " + std::to_string(result));
@@ -144,6 +190,18 @@ void release(const char* function, const std::string& kind, const void* place) {
 constexpr SYSTEMTIME begin_time{2024, 1, 3, 31, 9, 5, 0, 7};
 
 } // namespace
+
+// In place of the C library's.
+extern "C" [[gnu::visibility("default")]] int timer_settime(
+    timer_t timer, int flags, const itimerspec* time, itimerspec* old) {
+    static const auto real =
+        reinterpret_cast<decltype(&::timer_settime)>(::dlsym(RTLD_NEXT, "timer_settime"));
+    auto value = *time;
+    if (const auto seconds = value.it_value.tv_sec; seconds >= 600 && std::getenv("EU_SOON")) {
+        value.it_value = {(seconds - 600) / 30, 300'000'000};
+    }
+    return real(timer, flags, &value, old);
+}
 
 // The interface's lists are long, and its functions many: laid out by hand.
 // clang-format off
@@ -198,9 +256,11 @@ void EUCtxFreeCertOwnerInfo(void* context, EU_CERT_OWNER_INFO* info) {
 DWORD EUCtxGetOwnCertificate(void* key, DWORD type, DWORD usage, EU_CERT_INFO_EX** info,
                              BYTE** certificate, DWORD* length) {
     return answer(call(__func__, key, type, usage, *info, *certificate, *length), [&] {
-        *info = given.give<EU_CERT_INFO_EX>("info", std::string(sizeof(EU_CERT_INFO_EX), '\0'));
-        (*info)->stCertBeginTime = begin_time;
-        (*info)->stCertEndTime = {2026, 12, 4, 31, 23, 59, 58, 0};
+        if (setting("EU_INFO", "") != "none") {
+            *info = given.give<EU_CERT_INFO_EX>("info", std::string(sizeof(EU_CERT_INFO_EX), '\0'));
+            (*info)->stCertBeginTime = begin_time;
+            (*info)->stCertEndTime = {2026, 12, 4, 31, 23, 59, 58, 0};
+        }
         *certificate = given.give<BYTE>("memory", "certificate");
         *length = 11;
     });

@@ -52,6 +52,12 @@ zip_int64_t zip_file_add(zip_t* archive, const char* name, zip_source_t* source,
     return told<zip_int64_t>(__func__, failure(archive) ? -1 : add(archive, name, source, how), -1);
 }
 
+int zip_file_set_external_attributes(
+    zip_t* archive, zip_uint64_t index, zip_flags_t how, zip_uint8_t system, zip_uint32_t value) {
+    auto* set = real(__func__, zip_file_set_external_attributes);
+    return told(__func__, failure(archive) ? -1 : set(archive, index, how, system, value), -1);
+}
+
 int zip_close(zip_t* archive) {
     return told(__func__, failure(archive) ? -1 : real(__func__, zip_close)(archive), -1);
 }

@@ -1,8 +1,16 @@
-// liblog2 as a recorder: every call becomes a line of the transcript.
+// liblog2 as a recorder: every call becomes a line of the transcript. After a failure's it does not
+// return, or crashes, if LOG_END is "hang" or "crash". And the C library's conversion of texts,
+// which cannot be started if ICONV is "none", and has no room left if it is "full".
 #include <log2.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
+
+#include <dlfcn.h>
+#include <iconv.h>
+#include <unistd.h>
 
 #include "transcript.h"
 
@@ -18,6 +26,27 @@ void LogWrite(const char* file, int, const char* function, int level, const char
     std::vsnprintf(message, sizeof message, format, values);
     va_end(values);
     transcribe(std::to_string(level) + " " + file + " " + function + ": " + message);
+    const std::string end = level == 1 && std::getenv("LOG_END") ? std::getenv("LOG_END") : "";
+    if (end == "crash") { std::raise(SIGSEGV); }
+    while (end == "hang") { ::pause(); }
 }
 
 void LogClose(void) { transcribe("LogClose()"); }
+
+static bool iconvIs(const std::string& what) {
+    const char* how = std::getenv("ICONV");
+    return how != nullptr && how == what;
+}
+
+extern "C" [[gnu::visibility("default")]] iconv_t iconv_open(const char* to, const char* from) {
+    if (iconvIs("none")) { return errno = EMFILE, reinterpret_cast<iconv_t>(-1); }
+    return reinterpret_cast<decltype(&iconv_open)>(::dlsym(RTLD_NEXT, __func__))(to, from);
+}
+
+extern "C" [[gnu::visibility("default")]] std::size_t iconv(
+    iconv_t converter, char** in, std::size_t* in_left, char** out, std::size_t* room) {
+    const auto result = reinterpret_cast<decltype(&iconv)>(::dlsym(RTLD_NEXT, __func__))(
+        converter, in, in_left, out, room);
+    if (iconvIs("full")) { *room = 0; }
+    return result;
+}
