@@ -29,8 +29,8 @@ def peer(line, expected, **details):
     return Command(words[0], words, expected, **details)
 
 
-def pkcs11_tool(words, expected):
-    return peer(f"pkcs11-tool --module {SOFTHSM} {words}", expected)
+def pkcs11_tool(words, expected, module=SOFTHSM):
+    return peer(f"pkcs11-tool --module {module} {words}", expected)
 
 
 def beside(name):
@@ -43,15 +43,16 @@ def usage():
             Command("one line of C++", [beside("one_line")], equals("one line\n"))]
 
 
-def media(serials):
+def media(serials, module=SOFTHSM):
     """Velmora prints the serials and nothing else, in whatever order."""
     return [velmora("media list", lambda output: sorted(output.split()) == sorted(serials)),
-            peer("p11tool --list-tokens", holds(*serials)), pkcs11_tool("-L", holds(*serials))]
+            peer("p11tool --list-tokens", holds(*serials)),
+            pkcs11_tool("-L", holds(*serials), module)]
 
 
-def password(serial, pin):
+def password(serial, pin, module=SOFTHSM):
     return [velmora(f"key test-valid {serial} {pin}", equals("PASSED\n")),
-            pkcs11_tool(f"--login --pin {pin} -O", holds("Private Key Object", "DS"))]
+            pkcs11_tool(f"--login --pin {pin} -O", holds("Private Key Object", "DS"), module)]
 
 
 def sign(run, serial, data, engine_module=SOFTHSM):
@@ -76,6 +77,15 @@ def sign(run, serial, data, engine_module=SOFTHSM):
     return [*commands, Command("token alone", least, equals(""), is_peer=False)]
 
 
+def sign_apart(serial, data, digest):
+    """Signing commands that may run at once: "{}" in each is a number of its own. The peer signs
+    32 bytes as they are."""
+    return [velmora(f"sign create-ext {serial} {PIN} {data} velmora-{{}}.p7s", equals("DONE\n")),
+            pkcs11_tool("--sign --mechanism ECDSA --label DS"
+                        f" --pin {PIN} --input-file {digest} --output-file pkcs11-tool-{{}}.sig",
+                        holds("Using signature algorithm ECDSA"))]
+
+
 def openssl_verify(data, signature, trust):
     """Without the system's certification authorities, which take it ten times as long to read."""
     return peer(f"openssl cms -verify -binary -inform DER -in {signature} -content {data}"
@@ -98,14 +108,19 @@ def digest(data):
     return replace(peer(f"openssl dgst -sha256 {data}", holds(right)), name="openssl dgst")
 
 
+def make(serial, module=SOFTHSM):
+    """A key, of two pairs; for the peer one pair."""
+    return [velmora(f"key create {serial} {PIN} ds kep req.zip", equals("DONE\n")),
+            pkcs11_tool(f"--login --pin {PIN} --keypairgen --key-type EC:prime256v1 --label pair",
+                        holds("Key pair generated"), module)]
+
+
 def make_and_delete(run, serial):
-    """A key, of two pairs; for the peers one pair. Each run of one command is made ready, or undone
-    and so checked, by the other."""
+    """Each run of one command is made ready, or undone and so checked, by the other."""
+    ours, peers = make(serial)
     both = (
-        (velmora(f"key create {serial} {PIN} ds kep requests.zip", equals("DONE\n")),
-         velmora(f"key delete {serial} {PIN}", equals("DONE\n"))),
-        (pkcs11_tool(f"--login --pin {PIN} --keypairgen --key-type EC:prime256v1 --label pair",
-                     holds("Key pair generated")),
+        (ours, velmora(f"key delete {serial} {PIN}", equals("DONE\n"))),
+        (peers,
          peer(f"p11tool --batch --login --delete pkcs11:serial={serial};object=pair",
               holds("2 objects deleted"))),
     )

@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import shutil
+import subprocess
 import sys
 import time
 import typing
@@ -54,6 +55,33 @@ class Runner:
             raise Failed(f"{' '.join(argv)}: exit status {status}, output: {output[-500:]}")
         command.check()
         return elapsed / 1e6, (usage.ru_utime + usage.ru_stime) * 1e3
+
+    def many(self, command, count, at_once):
+        """The seconds that so many runs of a command took, and how many of them ended well."""
+        print(f"bench: {count} x {command.name}, {at_once} at a time", file=sys.stderr, flush=True)
+        numbers, running, right = iter(range(count)), {}, 0
+        start = time.perf_counter()
+        while True:
+            while len(running) < at_once and (number := next(numbers, None)) is not None:
+                argv = [word.replace("{}", str(number)) for word in command.argv]
+                child = subprocess.Popen(argv, env=self.env, stdin=self.input, text=True,
+                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                running[child.pid] = child
+            if not running:
+                return time.perf_counter() - start, right
+            pid, ending = os.wait()
+            child = running.pop(pid)
+            child.returncode = os.waitstatus_to_exitcode(ending)
+            output, _ = child.communicate()
+            right += child.returncode == command.status and command.expected(output)
+
+    def calls(self, command, notes):
+        """The PKCS#11 calls of a run, as the spying module wrote them down."""
+        notes.unlink(missing_ok=True)
+        self.run(command)
+        made = re.findall(r"^\d+: (C_\w+)", notes.read_text(errors="replace"), re.MULTILINE)
+        return {"all": len(made), "logins": made.count("C_Login"),
+                "searches": made.count("C_FindObjectsInit")}
 
     def refused(self, command, why):
         """Makes sure that a command which should not succeed does not."""

@@ -20,8 +20,8 @@ sys.path.append(str(ROOT / "tests/faults"))
 
 import commands
 from measure import Failed, Runner
-from modules import keep_softhsm_alone
-from report import size, tables
+from modules import spy_on_softhsm
+from report import pictures, size, tables
 from setting import PIN, Setting
 
 KIB, MIB, GIB = 2**10, 2**20, 2**30
@@ -35,16 +35,10 @@ class Benchmark:
         self.serials = [setting.token_with_key("Alice Example")]
         self.runner = Runner(setting.env, setting.folder / "log")
         self.block = random.randbytes(MIB)
-        self.results = {"works": [], "memory": [], "instructions": {}, "growth": {}}
+        self.results = {"works": [], "memory": [], "instructions": {}, "growth": {},
+                        "at_once": {}, "calls": {}}
 
-    def all_modules(self):
-        velmora, p11tool, _ = commands.media(self.serials)
-        self.work("list the media, all modules", [velmora, p11tool], 0.8)
-        signing = self.sign(self.file(KIB), engine_module="p11-kit-proxy.so")
-        self.work("sign 1 KiB, all modules", signing, 0.8)
-
-    def softhsm_alone(self):
-        keep_softhsm_alone(self.setting.folder / "modules")
+    def works(self):
         self.runner.run(commands.peer("p11tool --list-token-urls",
                                       lambda urls: urls.count("pkcs11:") == 1))
         self.refusals()
@@ -105,11 +99,13 @@ class Benchmark:
             if length > self.largest:
                 break
             data, signature = self.signed(length)
-            sign, verify = self.sign(data)[0], commands.verify(data, signature)[0]
-            sign.name, verify.name = "sign", "verify"
-            growth[size(length)] = medians(self.runner.alternate(
-                f"growth, {size(length)}", [sign, verify, commands.digest(data)],
-                self.runs if length <= MIB else self.few_runs))
+            contenders = [dataclasses.replace(command, name=f"{command.name} {verb}")
+                          for verb, both in (("sign", self.sign(data)),
+                                             ("verify", commands.verify(data, signature)))
+                          for command in both if command.name in ("velmora", "openssl")]
+            growth[length] = medians(self.runner.alternate(
+                f"growth, {size(length)}", [*contenders, commands.digest(data)],
+                self.runs if length <= MIB else self.few_runs, may_fail=True))
 
     def growth_with_tokens(self):
         growth = self.results["growth"]["Tokens"] = {}
@@ -118,6 +114,32 @@ class Benchmark:
                 self.serials.append(self.setting.token(f"Token {len(self.serials)}"))
             growth[count] = medians(self.runner.alternate(
                 f"growth, {count} tokens", commands.media(self.serials), self.runs))
+
+    def two_at_once(self):
+        """What a second processor is worth: the same signatures one after the other, and two at a
+        time, on one token; and how many of these were right."""
+        for command in commands.sign_apart(*self.serials, self.file(KIB), self.file(32)):
+            alone, _ = self.runner.many(command, self.runs * 4, at_once=1)
+            both, right = self.runner.many(command, self.runs * 4, at_once=2)
+            self.results["at_once"][command.name] = {
+                "alone_s": alone, "two_s": both, "gain": alone / both, "right": right,
+                "of": self.runs * 4}
+
+    def calls_to_the_token(self):
+        """What a slow card feels, from a token without a key to one: everything from here on goes
+        through a module that takes notes."""
+        notes = self.setting.folder / "notes"
+        spy = spy_on_softhsm(self.setting.folder / "modules")
+        self.runner.env |= {"PKCS11SPY": commands.SOFTHSM, "PKCS11SPY_OUTPUT": str(notes)}
+        self.count_calls("key create", commands.make(*self.serials, spy), notes)
+        self.setting.certify(*self.serials)
+        self.count_calls("media list", commands.media(self.serials, spy), notes)
+        self.count_calls("key test-valid", commands.password(*self.serials, PIN, spy), notes)
+        self.count_calls("sign create-ext", self.sign(self.file(KIB), engine_module=spy), notes)
+
+    def count_calls(self, name, contenders, notes):
+        self.results["calls"][name] = {command.name: self.runner.calls(command, notes)
+                                       for command in filter(is_peer, contenders)}
 
     def generation(self):
         make, delete = commands.make_and_delete(self.runner.run, *self.serials)
@@ -161,10 +183,12 @@ def main():
     parser.add_argument("program", help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="few runs, 64 MiB in place of 1 GiB")
     parser.add_argument("--runs", type=int, help="runs of the small works, default 100")
+    parser.add_argument("--pictures", type=pathlib.Path, help="a folder to draw two pictures into")
     parser.add_argument("--json", type=pathlib.Path, default=ROOT / "build/bench.json",
                         help="where the results go, with all runs; default build/bench.json")
     chosen = parser.parse_args()
     chosen.json = chosen.json.absolute()
+    chosen.pictures = chosen.pictures and chosen.pictures.absolute()
 
     large, largest = (64 * MIB, 256 * MIB) if chosen.quick else (GIB, 2 * GIB)
     runs = chosen.runs or (10 if chosen.quick else 100)
@@ -172,14 +196,14 @@ def main():
         os.chdir(setting.folder)
         if shutil.disk_usage(".").free < 2 * largest:
             raise Failed(f"{size(2 * largest)} needed in {setting.folder.parent}; see TMPDIR")
-        setting.env["XDG_CONFIG_HOME"] = str(setting.folder)  # holds no modules of the user's
         loads = [os.getloadavg()[0]]
         benchmark = Benchmark(setting, runs, large, largest)
-        benchmark.all_modules()
-        benchmark.softhsm_alone()
+        benchmark.works()
         benchmark.instructions()
         benchmark.growth_with_size()
+        benchmark.two_at_once()
         benchmark.generation()
+        benchmark.calls_to_the_token()
         benchmark.growth_with_tokens()
         os.chdir("/")
     loads.append(os.getloadavg()[0])
@@ -188,6 +212,8 @@ def main():
              f" {platform.release()}; {runs} runs; load {loads[0]:.1f} before, {loads[1]:.1f} now")
     print(about)
     tables(benchmark.results)
+    if chosen.pictures:
+        pictures(benchmark.results["growth"], chosen.pictures)
     chosen.json.parent.mkdir(parents=True, exist_ok=True)
     chosen.json.write_text(json.dumps({"about": about, **benchmark.results}, indent=1))
 
