@@ -2,18 +2,21 @@
 # shellcheck shell=bash disable=SC2034
 
 build_packages=(g++ cmake ninja-build pkg-config libp11-kit-dev libssl-dev libzip-dev)
-test_packages=(libgtest-dev softhsm2 gnutls-bin openssl opensc unzip python3 strace mount clang
-    libclang-rt-14-dev)
-bench_packages=(python3 softhsm2 gnutls-bin opensc openssl libengine-pkcs11-openssl unzip time
-    valgrind)
-lint_packages=(git clang clang-format clang-tidy shellcheck)
+demo_packages=(softhsm2 gnutls-bin openssl unzip)
+test_packages=("${demo_packages[@]}" libgtest-dev opensc python3 strace mount
+    gpgsm gpg-agent libnss3-tools)
+fuzz_packages=(clang libclang-rt-dev)
+bench_packages=("${demo_packages[@]}" python3 opensc opensc-pkcs11 libengine-pkcs11-openssl time
+    valgrind gnuplot-nox)
+lint_packages=(blhc clang clang-format clang-tidy devscripts git mandoc shellcheck)
+packaging_packages=(build-essential debhelper lintian)
 
 is_installed() {
     dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
 }
 
 # install_packages NAME...: installs those that are missing, as root or with sudo; where none is,
-# it needs neither.
+# it needs neither. Ends the script if it cannot.
 install_packages() {
     local name missing=() as_root=()
     for name in "$@"; do
@@ -23,8 +26,9 @@ install_packages() {
 
     if ((EUID != 0)); then
         if ! command -v sudo >/dev/null; then
-            echo "To be installed as root first: apt-get install ${missing[*]}" >&2
-            return 1
+            printf '%s\n' "Packages are missing. As root:" "    apt-get update" \
+                "    apt-get install --no-install-recommends ${missing[*]}" >&2
+            exit 1
         fi
         as_root=(sudo)
     fi
