@@ -20,11 +20,15 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::microseconds;
 
-// The ranges in use: every module has one for the states of its tokens, a number each; behind them
-// stand the numbers of those whose keys are made.
+// The ranges in use: every module has one for the states of its tokens, each of which has one in
+// it; behind them stand the numbers of those whose keys are made. A state is held from the start of
+// its range, as many numbers as the holder's process number says: whoever waits sees by the length
+// that one holder has followed another.
+constexpr off_t a_token = off_t{1} << 16;
+constexpr off_t all_tokens = off_t{1} << 40;
+constexpr off_t a_module = off_t{1} << 41;
 constexpr off_t states_start = off_t{1} << 60;
 constexpr off_t keys_start = off_t{1} << 61;
-constexpr off_t tokens_a_module = off_t{1} << 32;
 
 // Two serials may get one number, and then wait for each other.
 off_t numberOf(std::string_view serial) {
@@ -37,29 +41,37 @@ off_t statesOf(CK_FUNCTION_LIST* module) {
     struct stat file {};
     const bool known = ::dladdr(reinterpret_cast<void*>(module->C_GetFunctionList), &code) != 0 &&
                        ::stat(code.dli_fname, &file) == 0;
-    const auto number = known ? static_cast<off_t>(file.st_ino & 0xFFFFFF) : 0;
-    return states_start + number * tokens_a_module;
+    const auto number = known ? static_cast<off_t>(file.st_ino & 0x7FFFF) : 0;
+    return states_start + number * a_module;
 }
 
-// Sleeps for the next step of a wait; false if there is no patience left for it. The steps grow:
-// a software token's login takes a millisecond, a generation seconds.
+off_t stateOf(CK_FUNCTION_LIST* module, std::string_view serial) {
+    return statesOf(module) + numberOf(serial) % (all_tokens / a_token) * a_token;
+}
+
+off_t ownLength() {
+    return ::getpid() % a_token;
+}
+
+// Sleeps through a wait in steps, which grow: a software token's login takes a millisecond, a
+// generation seconds.
 class steps {
 public:
-    explicit steps(microseconds longest) : limit(longest) {}
+    steps(microseconds longest, microseconds inAll) : limit(longest), left(inAll) {}
 
-    bool next(microseconds& patience) {
-        if (patience < pause) {
-            return false;
-        }
-        patience -= pause;
-        std::this_thread::sleep_for(pause);
+    // Sleeps for a step: how long, 0 if the wait has been long enough.
+    microseconds next() {
+        const microseconds step = pause <= left ? pause : 0us;
+        std::this_thread::sleep_for(step);
+        left -= step;
         pause = std::min(2 * pause, limit);
-        return true;
+        return step;
     }
 
 private:
     microseconds pause = 50us;
     microseconds limit;
+    microseconds left;
 };
 
 } // namespace
@@ -87,42 +99,51 @@ range_lock::range range_lock::blockedBy(short type, range wanted) const {
 }
 
 state_lock::state_lock(CK_FUNCTION_LIST* module) {
-    take(F_RDLCK, {statesOf(module), tokens_a_module});
+    take(F_RDLCK, {statesOf(module), all_tokens + ownLength()});
 }
 
 state_lock::state_lock(purpose use, CK_FUNCTION_LIST* module, const std::string& serial) {
     const short type = use == purpose::writing ? F_WRLCK : F_RDLCK;
-    take(type, {statesOf(module) + numberOf(serial), 1});
+    take(type, {stateOf(module, serial), 1 + ownLength()});
 }
 
 void state_lock::take(short type, range_lock::range wanted) {
-    static microseconds forOthers = 1s; // of this process, in all: somebody hangs
-    static microseconds forOwn = 30s;
-    const off_t end = wanted.start + wanted.length;
-    steps waiting(1ms);
+    static range_lock::range holder{};  // the last one that stood in the way,
+    static microseconds patience = 0us; // and how long it may go on to
+    steps waiting(1ms, 120s);
     for (;;) {
         const auto held = lock.blockedBy(type, wanted);
         if (held.length == 0) {
             return;
         }
-        if (!waiting.next(held.length == wanted.length ? forOwn : forOthers)) {
-            const off_t heldEnd = held.start + held.length;
-            if (wanted.start < held.start) { // what is held by nobody, if anything
-                take(type, {wanted.start, held.start - wanted.start});
-            }
-            if (heldEnd < end) {
-                take(type, {heldEnd, end - heldEnd});
-            }
-            return;
+        if (held != holder) {
+            holder = held;
+            patience = std::max(held.length, wanted.length) <= a_token ? 30s : 5s;
         }
+        const microseconds slept = patience > 0us ? waiting.next() : 0us;
+        if (slept == 0us) {
+            return takeAround(held, type, wanted);
+        }
+        patience -= slept;
+    }
+}
+
+// What of a range nobody holds, if anything.
+void state_lock::takeAround(range_lock::range held, short type, range_lock::range wanted) {
+    const off_t end = wanted.start + wanted.length;
+    const off_t heldEnd = held.start + std::max(held.length, a_token);
+    if (wanted.start < held.start) {
+        take(type, {wanted.start, held.start - wanted.start});
+    }
+    if (heldEnd < end) {
+        take(type, {heldEnd, end - heldEnd});
     }
 }
 
 keys_lock::keys_lock(const std::string& serial) {
-    microseconds patience = 60s;
-    steps waiting(20ms);
+    steps waiting(20ms, 60s);
     while (lock.blockedBy(F_WRLCK, {keys_start + numberOf(serial), 1}).length != 0) {
-        require(waiting.next(patience), EU_ERROR_KEY_MEDIAS_BUSY);
+        require(waiting.next() != 0us, EU_ERROR_KEY_MEDIAS_BUSY);
     }
 }
 

@@ -17,6 +17,8 @@ public:
     struct range {
         off_t start;
         off_t length;
+
+        bool operator==(const range&) const = default;
     };
 
     range_lock();
@@ -35,8 +37,9 @@ private:
 // Held while a module reads the state of its tokens, or may rewrite that of one. A software token's
 // module keeps it in a file, which a login rewrites: for a moment it is empty, and whoever reads it
 // then takes the token for absent. Many read at once; one writes alone. Logins on different tokens
-// do not meet. Another process that hangs is waited for, in all, 30 seconds if it is at the same
-// token, one if it is at another one or at the list of a module's tokens.
+// do not meet. Another process that hangs is waited for 30 seconds if it is at the same token, 5 if
+// it is at another one or at the list of a module's tokens; any number that follow one another, two
+// minutes.
 class state_lock {
 public:
     // To read the state of all the module's tokens.
@@ -48,6 +51,7 @@ public:
 
 private:
     void take(short type, range_lock::range wanted);
+    void takeAround(range_lock::range held, short type, range_lock::range wanted);
 
     range_lock lock;
 };
