@@ -27,14 +27,15 @@ def parse(encoding):
 
 
 def build(element, ber=""):
-    """The encoding in DER, or with all lengths long ("long") or indefinite where they can be."""
+    """The encoding in DER, or with all lengths long ("long", but for nothing, whose long length not
+    every OpenSSL reads) or indefinite where they can be."""
     if isinstance(element, bytes):
         return element
     constructed = isinstance(element.inside, list)
     inside = b"".join(build(e, ber) for e in element.inside) if constructed else element.inside
     if constructed and ber == "indefinite":
         return bytes([element.tag, 0x80]) + inside + b"\0\0"
-    if ber == "long" or len(inside) >= 0x80:
+    if ber == "long" and inside or len(inside) >= 0x80:
         size = len(inside).to_bytes(4, "big")
         size = size if ber else size.lstrip(b"\0")
         return bytes([element.tag, 0x80 + len(size)]) + size + inside
