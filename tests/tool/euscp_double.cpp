@@ -2,7 +2,7 @@
 // result. What is handed out gets a name ("key2") under which it is seen again. Left alone, it
 // plays two media with a key that works; environment variables make it play something else:
 //   EU_MEDIA     the types, split by '|', each "description,serial,serial"; '@' stands for the
-//                supported one up to its last letter, '+' for that letter, '~' for no character
+//                supported one up to its last letter, '+' for that letter
 //   EU_KEY       the answers of EUIsPrivateKeyExists in turn, "1" or "0", the last one for good
 //   EU_TIME      the verified signature has "1" a signing time, "2" a time stamp
 //   EU_INFO      "none": the own certificate comes without what is in it
@@ -13,24 +13,19 @@
 #include <EUSignCP.h>
 
 #include <algorithm>
-#include <concepts>
-#include <cstdlib>
+#include <csignal>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <sstream>
-#include <string_view>
 #include <vector>
 
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "transcript.h"
+#include "double.h"
 
 namespace {
 
@@ -45,7 +40,7 @@ public:
         }
     }
     template <class type>
-    type* give(const std::string& kind, std::string_view content = "") {
+    type* give(const std::string& kind, const std::string& content = "") {
         auto* place = new char[content.size() + 1];
         content.copy(place, content.size());
         names[place] = kind + std::to_string(names.size() + 1);
@@ -53,8 +48,7 @@ public:
     }
     std::string look(const void* place) const {
         const auto found = names.find(place);
-        if (place == nullptr) { return "null"; }
-        return found != names.end() ? found->second : "leak: not from here";
+        return found != names.end() ? found->second : place ? "leak: not from here" : "null";
     }
     std::string take(const std::string& kind, const void* place) {
         const auto name = look(place);
@@ -70,11 +64,6 @@ ledger given;
 int calls = 0;         // that return a result
 std::size_t asked = 0; // whether there is a key
 
-std::string setting(const std::string& name, const std::string& otherwise) {
-    const char* value = std::getenv(name.c_str());
-    return value != nullptr ? value : otherwise;
-}
-
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> parts;
     std::istringstream stream{text};
@@ -82,29 +71,27 @@ std::vector<std::string> split(const std::string& text, char separator) {
     return parts;
 }
 
-// The description of a media type, then the serials of its devices; nothing past the last type.
+// The description of a media type, then the serials of its devices; nothing past the last type. The
+// supported one is "е.ключ ІІТ Алмаз-1К" in Windows-1251.
 std::vector<std::string> mediaType(DWORD index) {
     const auto types = split(setting("EU_MEDIA", "@+,S1,S2"), '|');
-    std::string type;
-    for (const char letter : index < types.size() ? types[index] : "") {
-        // The description is "е.ключ ІІТ Алмаз-1К" in Windows-1251.
-        type += letter == '@'   ? "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1"
-                : letter == '+' ? "\xCA"
-                : letter == '~' ? "\x98"
-                                : std::string(1, letter);
+    std::string type = index < types.size() ? types[index] : "";
+    std::replace(type.begin(), type.end(), '+', '\xCA');
+    if (const auto at = type.find('@'); at != type.npos) {
+        type.replace(at, 1, "\xE5.\xEA\xEB\xFE\xF7 \xB2\xB2\xD2 \xC0\xEB\xEC\xE0\xE7-1");
     }
     return split(type, ',');
 }
 
-std::string show(std::integral auto value) { return std::to_string(value); }
+std::string show(unsigned long value) { return std::to_string(value); }
 std::string show(const std::string& shown) { return shown; }
 std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
 std::string show(const void* place) { return given.look(place); }
 std::string show(const EU_KEY_MEDIA* media) {
-    const std::string_view field{media->szPassword, EU_PASSWORD_SIZE};
-    const auto password = field.substr(0, field.find('\0'));
-    const bool clean = field.find_first_not_of('\0', password.size()) == field.npos;
-    return show(media->dwTypeIndex) + "/" + show(media->dwDevIndex) + "/" + std::string{password} +
+    const std::string field(media->szPassword, EU_PASSWORD_SIZE);
+    const auto end = std::min(field.find('\0'), field.size());
+    const bool clean = field.find_first_not_of('\0', end) == field.npos;
+    return show(media->dwTypeIndex) + "/" + show(media->dwDevIndex) + "/" + field.substr(0, end) +
            (clean ? "" : " and more");
 }
 std::string bytes(const BYTE* data, DWORD size) {
@@ -118,15 +105,12 @@ std::string call(const std::string& function, const values&... arguments) {
     return function + "(" + list + ")";
 }
 
-// Through a descriptor, stdio's buffer, a child that stays, and without end when the process ends.
+// Through stdio's buffer, by a child that stays, and without end when the process ends.
 void talk() {
-    static const auto line = std::string(600, 'x') + '\n';
-    std::string text{"written\0also\n", 13};
-    for (int count = 0; count < 28; ++count) { text += line; }
-    (void)!::write(STDERR_FILENO, text.data(), text.size());
-    std::printf("the PIN is secret, 73 65 63 72 65 74\n\nprinted\nbeyond 32 lines");
+    std::printf("the PIN is secret, 73 65 63 72 65 74\n\nprinted");
     if (::fork() == 0) { ::_exit(static_cast<int>(::sleep(20))); }
-    ::atexit([] {
+    std::atexit([] {
+        const std::string line(600, 'x');
         for (int count = 0; ::write(STDOUT_FILENO, line.data(), line.size()) > 0;) {
             if (++count > 10000) { ::_exit(1); }
         }
@@ -134,52 +118,49 @@ void talk() {
     });
 }
 
-void readOn() {
-    std::ifstream zeros{"/dev/zero"};
-    std::string piece(1 << 20, '\0');
-    const auto now = std::chrono::steady_clock::now;
-    for (const auto start = now(); now() - start < std::chrono::milliseconds(800);) {
-        zeros.read(piece.data(), 1 << 20);
-    }
-}
-
+// One of these, or what the shell makes of it.
 void misbehave(const std::string& how) {
+    sigset_t all;
+    ::sigfillset(&all);
     if (how == "abort") { std::abort(); }
     if (how == "exit") { std::exit(-1); }
     if (how == "child" && ::fork() == 0) { std::exit(0); }
-    ::wait(nullptr);
+    if (how == "child") { ::wait(nullptr); }
     if (how == "talk") { talk(); }
-    if (how == "spill") { // what is read of it ends inside the PIN
-        const auto text = std::string(65516, 'x') + "\nsecret secret secret";
-        (void)!::write(STDOUT_FILENO, text.data(), text.size());
+    if (how == "read") {
+        std::ifstream zeros{"/dev/zero"};
+        for (std::string piece(1 << 20, '\0'); std::clock() < CLOCKS_PER_SEC;) {
+            zeros.read(piece.data(), 1 << 20);
+        }
     }
-    if (how == "read") { readOn(); }
     if (how == "keep") { ::open("kept", O_CREAT | O_WRONLY, 0600); }
-    sigset_t all;
-    ::sigfillset(&all);
     if (how == "deaf") { ::sigprocmask(SIG_BLOCK, &all, nullptr); }
     while (how == "deaf" || how == "hang") { ::pause(); }
+    if (how.find(' ') != how.npos) { (void)!std::system(how.c_str()); }
 }
 
 // Writes a call down and gives its result: the scripted one, else the natural one. The action hands
 // out what a call that succeeds does.
 DWORD answer(
     const std::string& call, const std::function<void()>& act = [] {}, DWORD natural = 0) {
-    const auto fail = setting("EU_FAIL", "0:0");
-    auto result = std::stoul(setting(call.substr(0, call.find('(')), std::to_string(natural)));
-    if (++calls == std::stoi(fail)) { result = std::stoul(fail.substr(fail.find(':') + 1)); }
-    if (const auto end = split(setting("EU_END", "0:"), ':'); calls == std::stoi(end[0])) {
-        misbehave(end[1]);
-    }
-    if (result == EU_ERROR_NONE) { act(); }
-    transcribe(call + " = " + std::to_string(result));
-    return result;
+    ++calls;
+    auto result = setting(call.substr(0, call.find('(')), std::to_string(natural));
+    if (const auto code = due("EU_FAIL", calls); !code.empty()) { result = code; }
+    misbehave(due("EU_END", calls));
+    if (result == "0") { act(); }
+    transcribe(call + " = " + result);
+    return std::stoul(result);
 }
 
 // The answer of an enumeration.
 DWORD answer(const std::string& call, const std::vector<std::string>& texts, DWORD at, char* text) {
     const auto describe = [&] { std::strncpy(text, texts.at(at).c_str(), EU_DESCRIPTION_SIZE); };
     return answer(call, describe, at < texts.size() ? EU_ERROR_NONE : EU_WARNING_END_OF_ENUM);
+}
+
+void hand(BYTE** place, DWORD* length, const std::string& content) {
+    *place = given.give<BYTE>("memory", content);
+    *length = content.size();
 }
 
 // The release of something handed out.
@@ -194,13 +175,10 @@ constexpr SYSTEMTIME begin_time{2024, 1, 3, 31, 9, 5, 0, 7};
 // In place of the C library's.
 extern "C" [[gnu::visibility("default")]] int timer_settime(
     timer_t timer, int flags, const itimerspec* time, itimerspec* old) {
-    static const auto real =
-        reinterpret_cast<decltype(&::timer_settime)>(::dlsym(RTLD_NEXT, "timer_settime"));
-    auto value = *time;
-    if (const auto seconds = value.it_value.tv_sec; seconds >= 600 && std::getenv("EU_SOON")) {
-        value.it_value = {(seconds - 600) / 30, 300'000'000};
-    }
-    return real(timer, flags, &value, old);
+    static auto* const set = real(__func__, timer_settime);
+    const auto seconds = time->it_value.tv_sec;
+    const itimerspec soon{{0, 0}, {(seconds - 600) / 30, 300'000'000}};
+    return set(timer, flags, seconds >= 600 && std::getenv("EU_SOON") ? &soon : time, old);
 }
 
 // The interface's lists are long, and its functions many: laid out by hand.
@@ -256,23 +234,19 @@ void EUCtxFreeCertOwnerInfo(void* context, EU_CERT_OWNER_INFO* info) {
 DWORD EUCtxGetOwnCertificate(void* key, DWORD type, DWORD usage, EU_CERT_INFO_EX** info,
                              BYTE** certificate, DWORD* length) {
     return answer(call(__func__, key, type, usage, *info, *certificate, *length), [&] {
-        if (setting("EU_INFO", "") != "none") {
+        if (setting("EU_INFO") != "none") {
             *info = given.give<EU_CERT_INFO_EX>("info", std::string(sizeof(EU_CERT_INFO_EX), '\0'));
             (*info)->stCertBeginTime = begin_time;
             (*info)->stCertEndTime = {2026, 12, 4, 31, 23, 59, 58, 0};
         }
-        *certificate = given.give<BYTE>("memory", "certificate");
-        *length = 11;
+        hand(certificate, length, "certificate");
     });
 }
 
 DWORD EUCtxSignData(void* key, DWORD algorithm, const BYTE* data, DWORD size, BOOL external,
                     BOOL append, BYTE** sign, DWORD* length) {
-    const auto text = bytes(data, size);
-    return answer(call(__func__, key, algorithm, text, size, external, append, *sign), [&] {
-        *sign = given.give<BYTE>("memory", "signature");
-        *length = 9;
-    });
+    return answer(call(__func__, key, algorithm, bytes(data, size), external, append, *sign),
+                  [&] { hand(sign, length, "signature"); });
 }
 
 DWORD EUCtxSignFile(void* key, DWORD algorithm, const char* file, BOOL external, BOOL append,
@@ -281,16 +255,15 @@ DWORD EUCtxSignFile(void* key, DWORD algorithm, const char* file, BOOL external,
 }
 
 DWORD EUVerifyDataWithParams(
-    const BYTE* data, DWORD size, const void* hash, DWORD hash_size, const BYTE* signature,
-    DWORD signature_size, DWORD index, const void* params, DWORD params_size,
+    const BYTE* data, DWORD size, const void* hash, DWORD hash_size, const BYTE* sign,
+    DWORD sign_size, DWORD index, const void* params, DWORD params_size,
     const BYTE* certificate, DWORD certificate_size, const void* settings, EU_SIGN_INFO* info) {
-    return answer(call(__func__, bytes(data, size), size, hash, hash_size,
-                       bytes(signature, signature_size), signature_size, index, params, params_size,
-                       bytes(certificate, certificate_size), certificate_size, settings), [&] {
+    return answer(call(__func__, bytes(data, size), hash, hash_size, bytes(sign, sign_size), index,
+                       params, params_size, bytes(certificate, certificate_size), settings), [&] {
         *info = {};
         info->pszSubject = given.give<char>("signer");
-        info->bTimeAvail = setting("EU_TIME", "") == "1" ? 2 : 0;
-        info->bTimeStamp = setting("EU_TIME", "") == "2" ? 2 : 0;
+        info->bTimeAvail = setting("EU_TIME") == "1" ? 2 : 0;
+        info->bTimeStamp = setting("EU_TIME") == "2" ? 2 : 0;
         info->Time = begin_time;
     });
 }
@@ -302,11 +275,9 @@ DWORD EUGeneratePrivateKeyEx(
     char* ds_name, BYTE** kep, DWORD* kep_size, char* kep_name, BYTE** p22, DWORD* p23, char* p24) {
     return answer(call(__func__, media, set_password, keys, ds_spec, kep_spec, path, type,
                        strength, p9, p10, p11, p12, p13, p14, p15, *ds, *kep, p22, p23, p24), [&] {
-        *ds = given.give<BYTE>("memory", "DS request");
-        *kep = given.give<BYTE>("memory", "KEP request");
-        *ds_size = 10;
-        *kep_size = 11;
-        std::memset(ds_name, 'n', EU_REQUEST_NAME_SIZE);
-        std::memset(kep_name, 'n', EU_REQUEST_NAME_SIZE);
+        hand(ds, ds_size, "DS request");
+        hand(kep, kep_size, "KEP request");
+        std::fill_n(ds_name, EU_REQUEST_NAME_SIZE, 'n');
+        std::fill_n(kep_name, EU_REQUEST_NAME_SIZE, 'n');
     });
 }

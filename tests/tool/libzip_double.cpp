@@ -2,74 +2,61 @@
 // made to fail; the rest is the real library's.
 #include <zip.h>
 
-#include <dlfcn.h>
+#include <type_traits>
 
-#include "transcript.h"
+#include "double.h"
 
 namespace {
 
-// The function of this name, and of the other one's type, in the real library.
-template <class function>
-function* real(const char* name, function* /*other*/ = nullptr) {
-    static void* const library = ::dlopen(REAL_LIBZIP, RTLD_NOW);
-    return reinterpret_cast<function*>(::dlsym(library, name));
-}
+void* const libzip = ::dlopen(REAL_LIBZIP, RTLD_NOW);
+int calls = 0; // that can fail
 
-// Whether this is the call to fail; the archive, if there is one, then holds the code.
-int failure(zip_t* archive = nullptr) {
-    static int calls = 0;
-    const std::string fail = std::getenv("ZIP_FAIL") ? std::getenv("ZIP_FAIL") : "0:0";
-    const int code = ++calls == std::stoi(fail) ? std::stoi(fail.substr(fail.find(':') + 1)) : 0;
-    if (code != 0 && archive != nullptr) {
-        auto* error = real<decltype(zip_get_error)>("zip_get_error")(archive);
-        real<decltype(zip_error_set)>("zip_error_set")(error, code, 0);
+template <class result, class... values>
+result call(const char* name, result (*other)(zip_t*, values...),
+    std::type_identity_t<result> failed, zip_t* archive, std::type_identity_t<values>... given) {
+    const auto code = due("ZIP_FAIL", ++calls);
+    const auto answer = code.empty() ? real(name, other, libzip)(archive, given...) : failed;
+    if (!code.empty()) {
+        auto* error = real<decltype(zip_get_error)>("zip_get_error", nullptr, libzip)(archive);
+        real<decltype(zip_error_set)>("zip_error_set", nullptr, libzip)(error, std::stoi(code), 0);
     }
-    return code;
-}
-
-template <class result>
-result told(const std::string& function, result answer, result failed) {
-    transcribe(function + (answer == failed ? " failed" : ""));
+    transcribe(std::string{name} + (answer == failed ? " failed" : ""));
     return answer;
 }
 
 } // namespace
 
 zip_t* zip_open(const char* path, int flags, int* error) {
-    *error = failure();
-    auto* open = real(__func__, zip_open);
-    return told<zip_t*>(__func__, *error ? nullptr : open(path, flags, error), nullptr);
+    const auto code = due("ZIP_FAIL", ++calls);
+    *error = code.empty() ? 0 : std::stoi(code);
+    auto* archive = *error ? nullptr : real(__func__, zip_open, libzip)(path, flags, error);
+    transcribe(archive ? __func__ : "zip_open failed");
+    return archive;
 }
 
 zip_source_t* zip_source_buffer(zip_t* archive, const void* data, zip_uint64_t size, int freeing) {
-    auto* make = real(__func__, zip_source_buffer);
-    auto* made = failure(archive) ? nullptr : make(archive, data, size, freeing);
-    return told<zip_source_t*>(__func__, made, nullptr);
+    return call(__func__, zip_source_buffer, nullptr, archive, data, size, freeing);
 }
 
 zip_int64_t zip_file_add(zip_t* archive, const char* name, zip_source_t* source, zip_flags_t how) {
-    auto* add = real(__func__, zip_file_add);
-    return told<zip_int64_t>(__func__, failure(archive) ? -1 : add(archive, name, source, how), -1);
+    return call(__func__, zip_file_add, -1, archive, name, source, how);
 }
 
 int zip_file_set_external_attributes(
     zip_t* archive, zip_uint64_t index, zip_flags_t how, zip_uint8_t system, zip_uint32_t value) {
-    auto* set = real(__func__, zip_file_set_external_attributes);
-    return told(__func__, failure(archive) ? -1 : set(archive, index, how, system, value), -1);
+    return call(__func__, zip_file_set_external_attributes, -1, archive, index, how, system, value);
 }
 
-int zip_close(zip_t* archive) {
-    return told(__func__, failure(archive) ? -1 : real(__func__, zip_close)(archive), -1);
-}
+int zip_close(zip_t* archive) { return call(__func__, zip_close, -1, archive); }
 
 void zip_source_free(zip_source_t* source) {
     transcribe(__func__);
-    real(__func__, zip_source_free)(source);
+    real(__func__, zip_source_free, libzip)(source);
 }
 
 void zip_discard(zip_t* archive) {
     transcribe(__func__);
-    real(__func__, zip_discard)(archive);
+    real(__func__, zip_discard, libzip)(archive);
 }
 
-const char* zip_strerror(zip_t* archive) { return real(__func__, zip_strerror)(archive); }
+const char* zip_strerror(zip_t* archive) { return real(__func__, zip_strerror, libzip)(archive); }

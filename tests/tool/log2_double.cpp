@@ -8,11 +8,10 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include <dlfcn.h>
 #include <iconv.h>
 #include <unistd.h>
 
-#include "transcript.h"
+#include "double.h"
 
 void LogOpen2(const char* name, int level, int flag) {
     transcribe("LogOpen2(\"" + std::string{name} + "\", " + std::to_string(level) + ", " +
@@ -26,27 +25,21 @@ void LogWrite(const char* file, int, const char* function, int level, const char
     std::vsnprintf(message, sizeof message, format, values);
     va_end(values);
     transcribe(std::to_string(level) + " " + file + " " + function + ": " + message);
-    const std::string end = level == 1 && std::getenv("LOG_END") ? std::getenv("LOG_END") : "";
-    if (end == "crash") { std::raise(SIGSEGV); }
-    while (end == "hang") { ::pause(); }
+    const auto end = setting("LOG_END");
+    if (level == 1 && end == "crash") { std::raise(SIGSEGV); }
+    while (level == 1 && end == "hang") { ::pause(); }
 }
 
 void LogClose(void) { transcribe("LogClose()"); }
 
-static bool iconvIs(const std::string& what) {
-    const char* how = std::getenv("ICONV");
-    return how != nullptr && how == what;
-}
-
 extern "C" [[gnu::visibility("default")]] iconv_t iconv_open(const char* to, const char* from) {
-    if (iconvIs("none")) { return errno = EMFILE, reinterpret_cast<iconv_t>(-1); }
-    return reinterpret_cast<decltype(&iconv_open)>(::dlsym(RTLD_NEXT, __func__))(to, from);
+    if (setting("ICONV") == "none") { return errno = EMFILE, reinterpret_cast<iconv_t>(-1); }
+    return real(__func__, iconv_open)(to, from);
 }
 
 extern "C" [[gnu::visibility("default")]] std::size_t iconv(
     iconv_t converter, char** in, std::size_t* in_left, char** out, std::size_t* room) {
-    const auto result = reinterpret_cast<decltype(&iconv)>(::dlsym(RTLD_NEXT, __func__))(
-        converter, in, in_left, out, room);
-    if (iconvIs("full")) { *room = 0; }
+    const auto result = real(__func__, iconv)(converter, in, in_left, out, room);
+    if (setting("ICONV") == "full") { *room = 0; }
     return result;
 }
