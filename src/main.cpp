@@ -44,8 +44,7 @@ int main(int argc, char** argv) {
     }
     Velmora::wipeStack();
 
-    Velmora::settleEnding(response.exitCode);
-    const int exitCode = Velmora::answer(response);
+    const int exitCode = Velmora::answerAndEnd(response);
     LogClose();
     return exitCode;
 }

@@ -196,9 +196,12 @@ DWORD EUEnumKeyMediaTypes(DWORD dwTypeIndex, char* pszDescription);
 /* Describes the device at an index within a type: the serial number of an initialised PKCS#11
  * token, without its blank padding. Where several tokens share one (a card with two PINs), it is
  * followed by "/" and the token's label, and where the labels are the same, too, by "#" and the
- * slot's number: no text names two tokens of a module. The list is taken afresh when device 0 is
+ * slot's number, and where tokens of two modules share even that, by "@" and the name that the
+ * module is registered under: no text names two tokens. The list is taken afresh when device 0 is
  * asked for and kept for every other index, and for the key functions below, until then. Why a
- * module does not load or start is told on standard error.
+ * module or a token is left out is told on standard error: one that does not load, start or answer,
+ * one without a serial or with control characters in serial or label, and, where there is no other,
+ * an uninitialised one.
  * pszDescription: at least EU_DESCRIPTION_SIZE bytes.
  * Errors: EU_WARNING_END_OF_ENUM past the last device or type; EU_ERROR_KEY_MEDIAS_FAILED when no
  * PKCS#11 module list can be had. */

@@ -282,17 +282,17 @@ void api::createZip(
     unsigned char* data2,
     unsigned long size2) {
     LogWrite(ORLEK_HERE, log_progress, "exec");
+    const auto directory = directoryOf(zipPath);
+    if (fsutils_create_dir_r(0755, directory.c_str()) != 0) {
+        LogWrite(ORLEK_HERE, log_tolerated, "fail: mkdir <%s>", directory.c_str());
+    }
+
     for (const char* name : {name1, name2}) {
         if (const char* cause = obstacleTo(name)) {
             LogWrite(ORLEK_HERE, log_failure, "fail: entry <%.255s> (%s)", name, cause);
             throw internal_error();
         }
     }
-    const auto directory = directoryOf(zipPath);
-    if (fsutils_create_dir_r(0755, directory.c_str()) != 0) {
-        LogWrite(ORLEK_HERE, log_tolerated, "fail: mkdir <%s>", directory.c_str());
-    }
-
     const target at(zipPath);
     new_archive archive(at);
     if (const char* cause = archive.obstacle()) {

@@ -124,7 +124,7 @@ const char* target::obstacleTo(const struct stat& opened) const {
     if ((opened.st_mode & (S_ISUID | S_ISGID)) != 0) {
         return "a file with set-id bits";
     }
-    if (shared && S_ISREG(opened.st_mode) && opened.st_nlink > 1) {
+    if (isInSharedFolder() && S_ISREG(opened.st_mode) && opened.st_nlink > 1) {
         return "a file with other names in a shared folder";
     }
     if (shared && (around.st_mode & S_ISVTX) != 0 && opened.st_uid != geteuid()) {

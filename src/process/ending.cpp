@@ -20,6 +20,7 @@ constexpr int failed = 70;
 constexpr int unsettled = std::numeric_limits<int>::min();
 
 std::atomic<int> status = unsettled;
+std::atomic<bool> answered = false;
 pid_t guarded = 0; // a module may have children
 
 // Main and what ends the process in its place may both come to this: whoever is first answers.
@@ -41,7 +42,7 @@ bool settle(int exitCode) {
         LogWrite(ORLEK_HERE, log_failure, format, number);
         logModuleOutput();
     }
-    _exit(status);
+    _exit(answered ? status.load() : failed); // an answer that is cut short is none
 }
 
 void onSignal(int number) {
@@ -77,10 +78,13 @@ void guardEnding() {
     limitTime(onTimeout);
 }
 
-void settleEnding(int exitCode) {
-    while (!settle(exitCode)) { // another thread has failed for all
+int answerAndEnd(const cli_response& response) {
+    while (!settle(response.exitCode)) { // another thread has failed for all
         pause();
     }
+    const int exitCode = answer(response);
+    answered = true;
+    return exitCode;
 }
 
 } // namespace Orlek::Support::Velmora

@@ -1,6 +1,8 @@
 // How the process ends when it is not main that ends it.
 #pragma once
 
+#include <orlek/cli.h>
+
 namespace Orlek::Support::Velmora {
 
 // A token's module is other people's code inside the process, and some crash, call exit, above all
@@ -10,7 +12,7 @@ namespace Orlek::Support::Velmora {
 // undone when the process ends. The ends of processes that a module starts are their own.
 void guardEnding();
 
-// The answer is about to be given: from now on the process ends with its exit status.
-void settleEnding(int exitCode);
+// Gives the answer and returns its exit status, with which the process ends from then on.
+int answerAndEnd(const cli_response& response);
 
 } // namespace Orlek::Support::Velmora

@@ -4,17 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <openssl/rand.h>
 
 namespace eu {
 
 namespace {
-
-constexpr std::size_t generation_size = 16;
-
-std::string_view asText(const bytes& value) {
-    return {reinterpret_cast<const char*>(value.data()), value.size()};
-}
 
 // The public keys that the token's public keys and certificates hold.
 std::vector<pkey_ptr> publicKeysOn(const session& on) {
@@ -54,39 +47,6 @@ bool arePair(
 
 } // namespace
 
-const char* labelOf(purpose use) {
-    return use == purpose::ds ? "DS" : "KEP";
-}
-
-bytes key_name::id() const {
-    bytes whole = generation;
-    whole.push_back(static_cast<unsigned char>(use));
-    return whole;
-}
-
-bytes newGeneration() {
-    bytes name(generation_size);
-    succeed(RAND_bytes(name.data(), static_cast<int>(name.size())));
-    constexpr unsigned char no_slot = 0xE0; // PIV's are 0x01 to 0x19, or 0x80 to 0x9E and 0xF9
-    name.front() = static_cast<unsigned char>(no_slot | (name.front() & 0x0F));
-    return name;
-}
-
-std::optional<key_name> nameOf(const session& on, CK_OBJECT_HANDLE object) {
-    bytes id = on.value(object, CKA_ID).value_or(bytes{});
-    if (id.size() != generation_size + 1) {
-        return std::nullopt;
-    }
-    const bytes label = on.value(object, CKA_LABEL).value_or(bytes{});
-    for (const purpose use : {purpose::ds, purpose::kep}) {
-        if (id.back() == static_cast<unsigned char>(use) && asText(label) == labelOf(use)) {
-            id.pop_back();
-            return key_name{std::move(id), use};
-        }
-    }
-    return std::nullopt;
-}
-
 bool generated_keys::holds(view id) const {
     return id.size() == generation.size() + 1 &&
            std::ranges::equal(id.first(generation.size()), generation);
@@ -96,7 +56,7 @@ std::vector<generated_keys> generatedKeys(const session& on) {
     std::vector<generated_keys> all;
     for (const CK_OBJECT_CLASS kind : {CKO_PRIVATE_KEY, CKO_PUBLIC_KEY}) {
         for (const CK_OBJECT_HANDLE object : on.find(kind)) {
-            const auto name = nameOf(on, object);
+            const auto name = nameIn(on.values(object, {CKA_ID, CKA_LABEL}));
             if (!name) {
                 continue;
             }

@@ -1,29 +1,10 @@
 // What generations of keys left on a token: how it is told, and what of it was cut short.
 #pragma once
 
+#include "token/key_name.h"
 #include "token/private_key.h"
 
 namespace eu {
-
-enum class purpose : unsigned char { ds, kep };
-
-const char* labelOf(purpose use);
-
-// How a generation's key objects are named: by the label of their purpose, and by a CKA_ID of
-// random bytes that the generation's objects share, with the purpose behind.
-struct key_name {
-    bytes generation;
-    purpose use;
-
-    bytes id() const;
-};
-
-// A new generation's name. Where a module takes the identifier's first byte for the number of a
-// slot, there is none of that number: a key that is in one already is not to be written over.
-bytes newGeneration();
-
-// Nothing for an object that no generation made.
-std::optional<key_name> nameOf(const session& on, CK_OBJECT_HANDLE object);
 
 // The key objects of one generation. The public keys that tell what the rest is come last: should
 // a removal in this order be cut short, what is left can still be told.

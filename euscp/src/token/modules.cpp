@@ -147,15 +147,15 @@ bool pkcs11_module::start() {
         result = initialize();
         require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
         if (*result != CKR_OK && *result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-            (void)std::fprintf(
-                stderr,
-                "%s: not started: %s\n",
-                name.c_str(),
-                describe(codeOf(*result)));
+            tell(std::string("not started: ").append(describe(codeOf(*result))));
         }
     }
     // One that was started already, under another name or by another part of the process, serves.
     return *result == CKR_OK || *result == CKR_CRYPTOKI_ALREADY_INITIALIZED;
+}
+
+void pkcs11_module::tell(const std::string& what) const {
+    (void)std::fprintf(stderr, "%s: %s\n", name.c_str(), what.c_str());
 }
 
 CK_RV pkcs11_module::initialize() {

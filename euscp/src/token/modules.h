@@ -20,11 +20,15 @@ public:
     pkcs11_module(const pkcs11_module&) = delete;
     pkcs11_module& operator=(const pkcs11_module&) = delete;
 
-    // Whether the module has started. Why one did not is told on standard error, as p11-kit tells
-    // there which modules it could not load.
+    // Whether the module has started. Why one did not is told.
     bool start();
 
+    // Tells the operator of the module on standard error, as p11-kit tells there which modules it
+    // could not load.
+    void tell(const std::string& what) const;
+
     CK_FUNCTION_LIST* functions() const { return calls; }
+    const std::string& registration() const { return name; }
 
 private:
     CK_RV initialize();

@@ -1,6 +1,7 @@
 #include "token/signing_key.h"
 
 #include "cms/certificate.h"
+#include "token/key_name.h"
 
 #include <algorithm>
 #include <array>
@@ -203,7 +204,7 @@ bytes idIn(const object_values& told) {
 
 bool mayBeUsed(const shown_key& key, const shown_keys& all) {
     const auto [first, last] = all.privateKeys.equal_range(key.id);
-    return (!key.certificate || mayUse(key.certificate.get())) &&
+    return (key.generated || !key.certificate || mayUse(key.certificate.get())) &&
            std::all_of(first, last, [](const auto& each) { return each.second.forOwner; });
 }
 
@@ -211,6 +212,9 @@ bool mayBeUsed(const shown_key& key, const shown_keys& all) {
 int rankOf(const shown_key& key) {
     if (!key.certificate) {
         return 2;
+    }
+    if (!mayUse(key.certificate.get())) {
+        return 3;
     }
     return allowsNonRepudiation(key.certificate.get()) ? 0 : 1;
 }
@@ -273,6 +277,7 @@ shown_keys shownKeys(const session& on) {
             object,
             {CKA_CLASS,
              CKA_ID,
+             CKA_LABEL,
              CKA_KEY_TYPE,
              CKA_VERIFY,
              CKA_SIGN,
@@ -286,7 +291,11 @@ shown_keys shownKeys(const session& on) {
             shown.privateKeys.emplace(idIn(told), privatePart(object, told));
         } else if (kind == CKO_PUBLIC_KEY && told.flag(CKA_VERIFY).value_or(false)) {
             const CK_KEY_TYPE type = told.number(CKA_KEY_TYPE).value_or(CKK_EC);
-            shown.keys.push_back({idIn(told), object, numbersOf(on, object, type)});
+            shown.keys.push_back(
+                {.id = idIn(told),
+                 .object = object,
+                 .numbers = numbersOf(on, object, type),
+                 .generated = nameIn(told).has_value()});
         }
     }
     shown.certificates = !certificates.empty();

@@ -14,6 +14,7 @@ struct shown_key {
     CK_OBJECT_HANDLE object; // a public key, or a certificate where the token shows none
     public_numbers numbers;
     x509_ptr certificate = nullptr; // the key's own; null if the token shows none
+    bool generated = false;         // a generation made it
     bool shared = false;            // its identifier is that of another public key, too
 };
 
@@ -38,8 +39,9 @@ struct shown_keys {
 };
 
 // What the session shows: the public keys that verify or, where there are none, the certificates
-// that are no authority's. Not among them are a key whose certificate forbids signing, and one that
-// the token lets anybody use. Each object is read once.
+// that are no authority's. Not among them are a key that the token lets anybody use, and one whose
+// certificate forbids signing, unless a generation made it: its owner has to be told, and to be
+// able to remove it. Each object is read once.
 shown_keys shownKeys(const session& on);
 
 // A signing key as a login shows it.
@@ -58,9 +60,9 @@ struct whole_key {
 // The key that signs, of a session that logged in after it showed `before`; what is missing there,
 // the certificate among it, is looked for in what only the login shows. It is one that is served
 // and whose identifier is that of no other public key and of exactly one private key; of several
-// one whose certificate allows non-repudiation, then one with a certificate, then the first by
-// identifier. Nothing if there is none. Throws EU_ERROR_KEY_NOT_SUPPORTED if there are only keys of
-// other kinds.
+// one whose certificate allows non-repudiation, then one with a certificate, then one without, then
+// one whose certificate forbids signing; among these the first by identifier. Nothing if there is
+// none. Throws EU_ERROR_KEY_NOT_SUPPORTED if there are only keys of other kinds.
 std::optional<whole_key> signingKey(const session& on, shown_keys before);
 
 // The certificate that an object on a token holds; null if it cannot be parsed.

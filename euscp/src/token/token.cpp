@@ -5,6 +5,8 @@
 #include "token/modules.h"
 
 #include <algorithm>
+#include <functional>
+#include <map>
 
 namespace eu {
 
@@ -18,48 +20,72 @@ std::string unpadded(const unsigned char (&field)[Size]) {
     return cut.substr(0, cut.find_last_not_of(' ') + 1);
 }
 
-// The slots that hold a token; none for a module that cannot tell.
-std::vector<CK_SLOT_ID> slotsWithToken(CK_FUNCTION_LIST* module) {
+// The slots that hold a token; none, which is told, for a module that cannot say.
+std::vector<CK_SLOT_ID> slotsWithToken(const pkcs11_module& of) {
+    CK_FUNCTION_LIST* const module = of.functions();
     CK_ULONG count = 0;
-    if (!worked(module->C_GetSlotList(CK_TRUE, nullptr, &count))) {
-        return {};
+    std::vector<CK_SLOT_ID> slots;
+    CK_RV result = module->C_GetSlotList(CK_TRUE, nullptr, &count);
+    if (worked(result)) {
+        count += 4; // room for tokens plugged in between the two calls
+        slots.resize(count);
+        result = module->C_GetSlotList(CK_TRUE, slots.data(), &count);
     }
-    count += 4; // room for tokens plugged in between the two calls
-    std::vector<CK_SLOT_ID> slots(count);
-    if (!worked(module->C_GetSlotList(CK_TRUE, slots.data(), &count))) {
+    if (!worked(result)) {
+        of.tell(std::string("its slots: ").append(describe(codeOf(result))));
         return {};
     }
     slots.resize(count);
     return slots;
 }
 
-void addTokens(std::vector<token>& tokens, pkcs11_module& from) {
+// Why a token cannot be named in a line of text, or null.
+const char* obstacleTo(const token& found) {
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+    if (found.serial.empty()) {
+        return "a token without a serial";
+    }
+    return std::ranges::any_of(found.serial + found.label, isControl)
+               ? "a token with control characters in its serial or label"
+               : nullptr;
+}
+
+// Adds the module's tokens that are initialised and can be named. What else there is, is told; but
+// not an uninitialised token, since some modules always have one: whether there is any comes back.
+bool addTokens(std::vector<token>& tokens, pkcs11_module& from) {
     CK_FUNCTION_LIST* const module = from.functions();
     const state_lock reading(module);
     if (!from.start()) {
-        return;
+        return false;
     }
-    for (const CK_SLOT_ID slot : slotsWithToken(module)) {
+    bool anyBlank = false;
+    for (const CK_SLOT_ID slot : slotsWithToken(from)) {
         CK_TOKEN_INFO info{};
-        if (!worked(module->C_GetTokenInfo(slot, &info)) ||
-            (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
+        const CK_RV result = module->C_GetTokenInfo(slot, &info);
+        if (worked(result) && (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
+            anyBlank = true;
             continue;
         }
         const std::string serial = unpadded(info.serialNumber);
-        if (!serial.empty()) {
-            tokens.push_back({module, slot, serial, unpadded(info.label), serial});
+        token found{module, slot, serial, unpadded(info.label), serial};
+        const char* obstacle = result == CKR_OK ? obstacleTo(found) : describe(codeOf(result));
+        if (obstacle != nullptr) {
+            from.tell(std::string("slot ") + std::to_string(slot) + ": " + obstacle);
+        } else {
+            tokens.push_back(std::move(found));
         }
     }
+    return anyBlank;
 }
 
-// Adds to the texts that several tokens share what tells these apart.
+// Adds a mark and what tells them apart to the texts that several tokens share.
 template <class Text>
-void tellApart(std::vector<token>& tokens, Text addition) {
+void tellApart(std::vector<token>& tokens, char mark, Text addition) {
     std::vector<std::string> texts(tokens.size());
     std::ranges::transform(tokens, texts.begin(), &token::text);
     for (token& each : tokens) {
         if (std::ranges::count(texts, each.text) > 1) {
-            each.text += addition(each);
+            each.text.append(1, mark).append(std::invoke(addition, each));
         }
     }
 }
@@ -68,13 +94,18 @@ void tellApart(std::vector<token>& tokens, Text addition) {
 
 std::vector<token> listTokens() {
     std::vector<token> tokens;
+    const pkcs11_module* withBlank = nullptr;
+    std::map<CK_FUNCTION_LIST*, std::string> registrations;
     for (const auto& module : modules()) {
-        addTokens(tokens, *module);
+        withBlank = addTokens(tokens, *module) ? module.get() : withBlank;
+        registrations[module->functions()] = module->registration();
     }
-    tellApart(tokens, [](const token& each) { return std::string("/").append(each.label); });
-    tellApart(tokens, [](const token& each) {
-        return std::string("#").append(std::to_string(each.slot));
-    });
+    if (tokens.empty() && withBlank != nullptr) {
+        withBlank->tell("no token but an uninitialised one");
+    }
+    tellApart(tokens, '/', &token::label);
+    tellApart(tokens, '#', [](const token& each) { return std::to_string(each.slot); });
+    tellApart(tokens, '@', [&](const token& each) { return registrations[each.module]; });
     return tokens;
 }
 

@@ -22,7 +22,9 @@ struct token {
 
 // The initialised tokens with a serial number, in module and slot order. A token's text is its
 // serial; of those that share one, the serial, "/" and the label; of those that share that, too,
-// "#" and the slot's number behind it.
+// "#" and the slot's number behind it; of those that share even that, which are tokens of several
+// modules, "@" and the name of the module's registration. Modules and tokens that are left out, and
+// why, are told on standard error; an uninitialised token only where there is no other.
 std::vector<token> listTokens();
 
 // The token's present state. Throws EU_ERROR_KEY_MEDIAS_ACCESS_FAILED when it is no longer in its
