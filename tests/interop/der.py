@@ -1,7 +1,5 @@
-"""DER taken apart and put together, and messages in it edited. An element is its tag and its bytes,
-or its elements, of which some may stand as their encoding."""
-
-import pathlib
+"""DER taken apart and put together. An element is its tag and its bytes, or its elements, of which
+some may stand as their encoding."""
 
 
 class Element:
@@ -10,6 +8,9 @@ class Element:
 
     def __getitem__(self, index):
         return self.inside[index]
+
+    def __setitem__(self, index, value):
+        self.inside[index] = value
 
 
 def parse(encoding):
@@ -46,6 +47,10 @@ def element(tag, *inside):
     return Element(tag, [*inside])
 
 
+def sequence(*inside):
+    return element(0x30, *inside)
+
+
 def oid(dotted):
     """An OBJECT IDENTIFIER."""
     first, second, *rest = map(int, dotted.split("."))
@@ -57,23 +62,4 @@ def oid(dotted):
 
 
 def attribute(name, *values):
-    return element(0x30, oid(name), element(0x31, *values))
-
-
-def edited(signature, edit, ber=""):
-    """The message after an edit of its SignedData and its signer, the last."""
-    message = parse(signature)[0]
-    edit(message[1][0], message[1][0][-1][0])
-    return build(message, ber)
-
-
-def signed_with(bash, signature, new, by, digest="sha256"):
-    """With a signed attribute that takes the place of its namesake; signed again, by its key. One
-    without values is left out."""
-    def again(_, signer):
-        kept = [each for each in signer[3] if each[0].inside != new[0].inside]
-        signer[3].inside = sorted(kept + [new] * bool(new[1].inside), key=build)
-        pathlib.Path("attributes").write_bytes(build(Element(0x31, signer[3].inside)))
-        bash(f"openssl dgst -{digest} -sign {by}.key -out value attributes")
-        signer[5].inside = pathlib.Path("value").read_bytes()
-    return edited(signature, again)
+    return sequence(oid(name), element(0x31, *values))

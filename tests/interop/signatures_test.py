@@ -1,30 +1,19 @@
 #!/usr/bin/env python3
-"""What sign verify says of the signatures that other tools make, one row of a table each: how it is
-made, and the log's cause if it is refused. And what other tools say of velmora's own."""
+"""What sign verify says of the signatures that other tools make, one row of a table each: what the
+log tells, how the signature is made, for which certificate and, if not for "data", which file. And
+what other tools say of velmora's own."""
 
-import atexit
 import base64
 import hashlib
-import os
 import pathlib
 import re
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../faults")
-from der import Element, attribute, build, edited, element, oid, parse, signed_with  # noqa: E402
-from setting import PIN, Setting, check, end  # noqa: E402
+from making import bash, edited, in_der, made, openssl, setting, signed
+from der import Element, attribute, build, element, oid, parse, sequence
+from setting import PIN, check, end
 
-setting = Setting()
-atexit.register(setting.__exit__)  # gpg-agent ends with its folder
 setting.env.update(GNUPGHOME=f"{setting.folder}/gpg")
-os.chdir(setting.folder)
-bash = setting.bash
 bash('''
-issue() { # NAME ISSUER KEY [OPTION]...
-    openssl req -x509 -newkey ${3//,/ -pkeyopt } -noenc -keyout $1.key -out $1.pem -subj "/CN=$1" \\
-        ${2:+-CA $2.pem -CAkey $2.key} -days 9 -addext subjectAltName=email:$1@example.org "${@:4}"
-}
-ec=ec,ec_paramgen_curve
 leaf='-addext basicConstraints=critical,CA:false -addext keyUsage=critical,digitalSignature'
 issue ca '' $ec:P-256; issue between ca $ec:P-256
 issue ec ca $ec:P-256 $leaf; issue rsa between rsa:2048 $leaf; issue other ca $ec:P-256 $leaf
@@ -32,14 +21,15 @@ issue p384 ca $ec:P-384; issue p521 ca $ec:P-521; issue koblitz ca $ec:secp256k1
 issue explicit ca $ec:P-256,ec_param_enc:explicit; issue edwards ca ed25519; issue pss ca rsa-pss
 issue short ca rsa:1024; issue three ca rsa:2048,rsa_keygen_pubexp:3
 issue agreement ca $ec:P-256 -addext keyUsage=keyAgreement
-openssl req -x509 -key ec.key -out renewed.pem -subj /CN=ec -CA ca.pem -CAkey ca.key -days 9 \\
-    -set_serial 0x$(openssl x509 -in ec.pem -noout -serial | cut -d= -f2)
+again() { # NAME ISSUER: a certificate of the name, the key and the number that ec has
+    openssl req -x509 -key ec.key -out $1.pem -subj /CN=ec -CA $2.pem -CAkey $2.key -days 9 \\
+        -set_serial 0x$(openssl x509 -in ec.pem -noout -serial | cut -d= -f2)
+}
+again renewed ca; again namesake between
 openssl req -x509 -key rsa.key -out stamp.pem -subj /CN=stamp \\
     -addext extendedKeyUsage=critical,timeStamping
 printf '[ts]\\nserial=n\\ndefault_policy=1.2.3\\ndigests=sha256\\nsigner_digest=sha256\\n' >ts.cnf
-openssl ca -gencrl -config <(printf '[ca]\\ndefault_ca=x\\n[x]\\ndatabase=/dev/null\\n') \\
-    -cert ca.pem -keyfile ca.key -crldays 9 -md sha256 -out crl.pem
-echo contract >data; echo another >another; cat between.pem ca.pem >chain.pem
+cat between.pem ca.pem >chain.pem
 openssl pkcs12 -export -legacy -in rsa.pem -inkey rsa.key -certfile chain.pem -passout pass:x \\
     -name rsa -out rsa.p12
 mkdir nss; certutil -N -d nss --empty-password; pk12util -i rsa.p12 -d nss -W x
@@ -49,31 +39,15 @@ printf 'disable-crl-checks\\ndisable-dirmngr\\nbatch\\npinentry-mode loopback\\n
 openssl x509 -in ca.pem -noout -fingerprint -sha1 | sed 's/.*=//; s/$/ S relax/' >gpg/trustlist.txt
 echo x | gpgsm --passphrase-fd 0 --import rsa.p12 || true; gpgsm --import chain.pem
 ''')
-
-
 CERTTOOL = ("certtool --p7-detached-sign --load-certificate rsa.pem --load-privkey rsa.key"
             " --infile data --outfile made ")
-GPGSM = "rm -f made; echo x | gpgsm --passphrase-fd 0 -u rsa --detach-sign -o made {} data"
+GPGSM = "rm -f made; echo x | gpgsm --passphrase-fd 0 -u rsa --detach-sign -o made "
 NSS = "cmsutil -S -d nss -N rsa -Y NONE -T -i data -o made "
-
-
-def made(command):
-    bash(command)
-    return pathlib.Path("made").read_bytes()
-
-
-def openssl(options="", by="rsa", how="cms", data="data"):
-    return made(f"openssl {how} -sign -binary -in {data} -signer {by}.pem -inkey {by}.key"
-                f" -out made -outform DER {options}")
-
-
-def signed(name, *values, by="rsa", digest="sha256"):
-    """With other values of a signed attribute, or without it."""
-    return signed_with(bash, openssl("-cades", by), attribute(name, *values), by, digest)
-
-
-def unsigned(*attributes):
-    return edited(cades, lambda _, signer: signer.inside.append(element(0xA1, *attributes)))
+PSS = "-keyopt rsa_padding_mode:pss "
+RSA, EC, PKCS9 = "1.2.840.113549.1.1.", "1.2.840.10045.", "1.2.840.113549.1.9."
+SHA1, SHA512, NIST = "1.3.14.3.2.26", "2.16.840.1.101.3.4.2.3", "2.16.840.1.101.3.4."
+CONTENT, DIGEST, TIME, ESS, ESS_V2, STAMP = (
+    PKCS9 + each for each in ("3", "4", "5", "16.2.12", "16.2.47", "16.2.14"))
 
 
 def stamp():
@@ -84,139 +58,195 @@ def stamp():
                       " -inkey rsa.key -token_out -out made"))[0]
 
 
-def named(signature, name, field=4):
-    """With another name for the signature's algorithm, or for the digest's in field 2."""
-    return edited(signature, lambda _, signer: signer[field].inside.__setitem__(0, oid(name)))
+def clutter(data, signer):
+    """What nobody signs."""
+    data[1].inside.clear()
+    data.inside[3:4] = element(0xA0, octets), element(0xA1, octets)
+    signer.inside.append(element(0xA1, attribute("1.2.3"), attribute("1.2.3"),
+                                 attribute(DIGEST, octets), attribute(STAMP, stamp())))
 
 
-def pem(encoding, label, width=64, around=b"", end=b"\n"):
-    text = base64.b64encode(encoding)
-    lines = [text[at:at + width] for at in range(0, len(text), width)]
-    lines = [b"-----BEGIN %s-----" % label, *lines, b"-----END %s-----" % label]
-    return end.join([around, *lines, around])
+def put(signature, value, *path):
+    """With another element somewhere in the signer: 2 and 4 are the algorithms, of digest and
+    signature, that start with their names."""
+    def edit(_, place):
+        for index in path[:-1]:
+            place = place[index]
+        place[path[-1]] = value
+    return edited(signature, edit)
 
 
-def identifiers(*hashes):
-    """The value of a signing-certificate attribute."""
-    return element(0x30, element(0x30, *[element(0x30, Element(4, each)) for each in hashes]))
+def ess(*identifiers, name=ESS_V2):
+    return attribute(name, sequence(sequence(*[sequence(*each) for each in identifiers])))
 
 
-def in_key(name, bytes_before, change):
-    """A certificate with another byte in its key."""
-    out = bytearray(der[name])
-    out[out.index(bytes_before) + len(bytes_before)] ^= change
-    return bytes(out)
+def issued(*names, serial=None):
+    return sequence(sequence(*names), serial or number)
 
 
-def usage_twice():
-    certificate = parse(der["rsa"])[0]
-    extensions = certificate[0][-1][0].inside
-    extensions += [each for each in extensions if each[0].inside == oid("2.5.29.15").inside]
+def in_key(name, at, change):
+    """A certificate with another byte in its key, at a place from the end."""
+    certificate = parse(der[name])[0]
+    key = bytearray(certificate[0][6][1].inside)
+    key[at] ^= change
+    certificate[0][6][1].inside = bytes(key)
     return build(certificate)
 
 
-def verdict(signature, certificate, data="data"):
-    """Empty for PASSED, the log's cause for FAILED."""
+def pem(encoding, label="CMS", width=64, around=b"", end=b"\n"):
+    text = base64.b64encode(encoding)
+    lines = [text[at:at + width] for at in range(0, len(text), width)]
+    return end.join([around, f"-----BEGIN {label}-----".encode(), *lines,
+                     f"-----END {label}-----".encode(), around])
+
+
+log = pathlib.Path("log/velmora.log")
+
+
+def told(signature, certificate, data="data"):
+    """What the log tells of a verification: its cause for FAILED, else when was signed."""
     pathlib.Path("signature").write_bytes(signature)
     if isinstance(certificate, str):
         certificate = pathlib.Path(certificate + ".pem").read_bytes()
     pathlib.Path("certificate").write_bytes(certificate)
-    log = pathlib.Path("log/velmora.log")
     log.unlink(missing_ok=True)
     answer = setting.answer("sign", "verify", data, "signature", "certificate")
-    causes = re.findall(r" 1 signVerify .*fail: EUVerifyDataWithParams \((.*)\)$",
-                        log.read_text(), re.M)
-    check(answer == ("FAILED" if causes else "PASSED"), answer, causes)
-    return causes[0] if causes else ""
+    ends = re.findall(r" signVerify .*(done|fail): EUVerifyDataWithParams \((.*)\)$",
+                      log.read_text(), re.M)
+    how, text = ends[0] if ends else ("", "nothing")
+    check(answer == {"done": "PASSED", "fail": "FAILED"}.get(how), answer, text)
+    return text
 
 
-RSA, EC, PKCS9 = "1.2.840.113549.1.1.", "1.2.840.10045.", "1.2.840.113549.1.9."
-PSS = "-keyopt rsa_padding_mode:pss "
-CONTENT, DIGEST, TIME = PKCS9 + "3", PKCS9 + "4", PKCS9 + "5"
-ESS, ESS_V2, UNKNOWN = PKCS9 + "16.2.12", PKCS9 + "16.2.47", "1.2.3.4"
+def sha(digest, contents):
+    return Element(4, hashlib.new(digest, contents).digest())
+
+
+der = {name: in_der(name) for name in ("ec", "rsa", "three", "ca", "p384")}
 ec, rsa, plain, cades = openssl(by="ec"), openssl(), openssl("-nosmimecap"), openssl("-cades")
-der = {name: made(f"openssl x509 -in {name}.pem -outform DER -out made") for name in
-       ("ec", "rsa", "ca")}
-crl = made("openssl crl -in crl.pem -outform DER -out made")
+pss = openssl(PSS)
+own = openssl("-cades -nocerts -nosmimecap", "ec")  # as velmora signs
+listless = edited(own, lambda data, _: data[1].inside.clear())
 two = openssl("-signer other.pem -inkey other.key")
-twice = edited(rsa, lambda data, signer: data[-1].inside.append(signer))
-octets, foreign, late = Element(4, b"x"), bytes(32), Element(23, b"491231000000Z")
-sha256 = hashlib.sha256(der["rsa"]).digest()
-sha3 = Element(4, hashlib.sha3_256(b"contract\n").digest())
-modulus = bytes.fromhex(made("openssl x509 -in rsa.pem -noout -modulus >made").decode()[8:])
-ACCEPTED = [
-    *((openssl(options), "rsa") for options in (
-        "-noattr", "-md sha384", "-md sha3-256", "-certfile chain.pem", PSS,
-        PSS + "-keyopt rsa_pss_saltlen:0 -md sha512")),
-    (cades, "rsa"), (ec, "ec"), (openssl("-keyid", "ec"), "ec"), (openssl(PSS, "pss"), "pss"),
-    (openssl(by="p384"), "p384"), (openssl("-md sha512", "p521"), "p521"),
-    (openssl(by="three"), "three"), (openssl(by="ec"), "renewed"),
-    (named(named(signed(DIGEST, sha3, by="ec", digest="sha3-256"), "2.16.840.1.101.3.4.2.8", 2),
-           "2.16.840.1.101.3.4.3.10"), "ec"),
-    (openssl("-outform PEM", how="smime"), "rsa"), (made(CERTTOOL + "--outder"), "rsa"),
-    (made(CERTTOOL + "--p7-time"), "rsa"), (made(NSS), "rsa"),
-    (made(NSS + "-G -P -H SHA512"), "rsa"), (made(GPGSM.format("--include-certs 0")), "rsa"),
-    (made(GPGSM.format("--armor")), "rsa"),
-    (two, "rsa"), (two, "other"), (twice, "rsa"),
-    (edited(cades, lambda data, _: data.inside.insert(4, element(0xA1, *parse(crl)))), "rsa"),
-    (edited(rsa, lambda data, _: data[3].inside.insert(0, Element(4, b"no certificate"))), "rsa"),
-    (edited(cades, lambda data, _: data[1].inside.clear()), "rsa"),
-    (unsigned(attribute(PKCS9 + "16.2.14", stamp())), "rsa"),
-    (unsigned(attribute(UNKNOWN), attribute(UNKNOWN), attribute(DIGEST, octets)), "rsa"),
-    (named(cades, RSA + "11"), "rsa"), (named(ec, EC + "2.1"), "ec"),
-    (edited(plain, lambda *_: None, "indefinite"), "rsa"),
-    (edited(plain, lambda *_: None, "long"), "rsa"),
-    (signed(TIME), "rsa"), (signed(ESS_V2), "rsa"), (signed(UNKNOWN, octets), "rsa"),
-    (signed(ESS, identifiers(hashlib.sha1(der["rsa"]).digest())), "rsa"),
-    (signed(ESS_V2, identifiers(sha256, foreign)), "rsa"),
-    (pem(rsa, b"PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
-    (pem(rsa, b"CMS", around=b"text"), der["rsa"]), (rsa, pem(der["rsa"], b"CERTIFICATE", 99999)),
-    (rsa, pem(crl, b"X509 CRL") + pem(der["rsa"], b"X509 CERTIFICATE", 76, end=b" \r\n") +
-     pem(der["ca"], b"CERTIFICATE")),
+many = edited(rsa, lambda data, signer: data[-1].inside.extend([signer] * 15))
+line = pem(der["p384"], "CERTIFICATE", 9999)
+key_identifier, key_usage = (build(oid(each)) for each in ("2.5.29.14", "2.5.29.15"))
+octets, foreign, sha256 = Element(4, b"x"), Element(4, bytes(32)), sha("sha256", der["rsa"])
+number, issuer = parse(der["rsa"])[0][0][1], element(0xA4, parse(der["rsa"])[0][0][3])
+ca, uri, one = element(0xA4, parse(der["ca"])[0][0][3]), Element(0x86, b"uri"), Element(2, b"\1")
+early, last, late = (Element(23 + (len(each) > 13), each) for each in (
+    b"500101000000Z", b"491231235958Z", b"20991231000000Z"))
+extras = [attribute(f"1.2.3.{i}", octets) for i in range(61)]  # 64 attributes with the usual three
+pathlib.Path("longer").write_bytes(build(element(0x31, *extras)) + b"x")
+
+TIMED, NO_TIME = "signed-at:<20", "time-avali:no"
+ACCEPTED = [  # a row may have several particulars
+    (NO_TIME, openssl("-noattr"), "rsa"),
+    (NO_TIME, openssl("-noattr", data="longer"), "rsa", "longer"),  # than attributes
+    (TIMED, ec, "renewed"),
+    (TIMED, openssl("-md sha384 -certfile chain.pem", "p384"), line),
+    (TIMED, openssl("-md sha512 -keyid", "p521"), "p521"),
+    (TIMED, openssl("-md sha3-384", "three"), "three"),
+    (TIMED, pss, "rsa"),
+    (TIMED, openssl(PSS + "-keyopt rsa_pss_saltlen:0 -md sha512", "pss"), "pss"),
+    *((TIMED, put(put(signed(attribute(DIGEST, sha(f"sha3_{bits}", b"contract\n")),
+                             by="ec", digest=f"sha3-{bits}"),
+                      oid(f"{NIST}2.{8 + i}"), 2, 0), oid(f"{NIST}3.{10 + i}"), 4, 0), "ec")
+      for i, bits in enumerate((256, 384, 512))),
+    (TIMED, openssl("-outform PEM", how="smime"), "rsa"),
+    (NO_TIME, made(CERTTOOL + "--outder"), "rsa"),
+    (TIMED, made(CERTTOOL + "--p7-time"), "rsa"),
+    (NO_TIME, made(NSS), "rsa"),
+    (TIMED, made(NSS + "-G -P -H SHA512"), "rsa"),
+    (TIMED, made(GPGSM + "--include-certs 0 data"), "rsa"),
+    (TIMED, made(GPGSM + "--armor data"), "rsa"),
+    (TIMED, two, "rsa"),
+    (TIMED, two, "other"),
+    (TIMED, many, der["rsa"]),
+    (TIMED, pem(edited(cades, clutter), "PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
+    (TIMED, pem(edited(plain, lambda *_: None, "long"), around=b"text"), "rsa"),
+    (TIMED, edited(plain, lambda *_: None, "indefinite"), "rsa"),
+    (TIMED, edited(listless, lambda data, _: data.inside.insert(3, element(0xA0, octets))), "ec"),
+    (TIMED, edited(listless, lambda data, _: data.inside.insert(3, element(0xA1, octets))), "ec"),
+    (TIMED, edited(listless, lambda _, signer: signer.inside.append(element(0xA1, octets))), "ec"),
+    (TIMED, put(cades, oid(RSA + "11"), 4, 0), pem(octets.inside, "X509 CRL") + pem(
+        der["rsa"], "X509 CERTIFICATE", 76, end=b" \r\n") + pem(der["ec"], "CERTIFICATE")),
+    (TIMED, put(ec, oid(EC + "2.1"), 4, 0), "ec"),
+    (NO_TIME, signed(attribute(TIME), attribute(ESS_V2), *extras), "rsa"),
+    ("<2049/12/31 23:59:58.0>", signed(attribute(TIME, last)), "rsa"),
+    (TIMED, signed(ess([sha("sha1", der["rsa"])], name=ESS), attribute(ESS_V2)), "rsa"),
+    (TIMED, signed(ess([sequence(oid(SHA1)), sha("sha1", der["rsa"])])), "rsa"),
+    (TIMED, signed(ess([sequence(oid(SHA512)), sha("sha512", der["rsa"])], [foreign])), "rsa"),
 ]
 REFUSED = [
     ("was changed, or", edited(cades, lambda _, signer: signer[3].inside.pop(0)), "rsa"),
-    ("was changed, or", twice[:-1] + bytes([twice[-1] ^ 1]), "rsa"),
+    ("was changed, or", many[:-1] + bytes([many[-1] ^ 1]), "rsa"),
     ("the file that was signed is another one", cades, "rsa", "another"),
-    ("owner of another certificate", two, "ec"),
-    ("another certificate of its owner", openssl("-cades", "ec"), "renewed"),
-    ("another certificate of its owner", signed(ESS_V2, identifiers(foreign, sha256)), "rsa"),
+    ("owner of another certificate", ec, "namesake"),
+    ("owner of another certificate", openssl("-keyid", "ec"), "other"),
+    ("owner of another certificate", put(ec, Element(12, b"CA"), 1, 0, 0, 0, 1), "ec"),
+    ("more than 16", edited(many, lambda data, signer: data[-1].inside.append(signer)), "rsa"),
+    ("another certificate of its owner", signed(ess([foreign], [sha256])), "rsa"),
+    ("another certificate of its owner", signed(ess([sha256, issued(ca)])), "rsa"),
+    ("another certificate of its owner", signed(ess([sha256, issued(issuer, serial=one)])), "rsa"),
+    ("another certificate of its owner", signed(ess([sha256, issued(issuer, issuer)])), "rsa"),
+    ("another certificate of its owner", signed(ess([sha256, issued(uri)])), "rsa"),
     ("SHA-1, which is no longer safe", openssl("-md sha1"), "rsa"),
     ("MD5, which is no longer safe", openssl("-md md5"), "rsa"),
     ("a digest other than SHA-256", openssl("-md sha224"), "rsa"),
     ("not detached", openssl("-nodetach"), "rsa"),
     ("content of another type", openssl("-noattr -econtent_type 1.2.3"), "rsa"),
-    ("content of another type", signed(CONTENT, oid("1.2.3")), "rsa"),
+    ("content of another type", signed(attribute(CONTENT, oid("1.2.3"))), "rsa"),
     ("neither RSA nor on the curve", openssl(by="koblitz"), "koblitz"),
     ("neither RSA nor on the curve", openssl(by="explicit"), "explicit"),
-    ("neither RSA nor", rsa, "edwards"), ("less than 2048 bits", openssl(by="short"), "short"),
-    ("unsound", rsa, in_key("rsa", b"\2\3\1\0", 1)),
-    ("unsound", rsa, in_key("rsa", modulus[:-1], 1)),
-    ("unsound", ec, in_key("ec", b"\3\x42\0\4", 1)),
-    ("not meant for signing", rsa, "agreement"), ("not meant for signing", rsa, usage_twice()),
+    ("neither RSA nor on the curve", rsa, "edwards"),
+    ("less than 2048 bits", openssl(by="short"), "short"),
+    ("unsound", rsa, in_key("rsa", -1, 1)),  # the exponent even
+    ("unsound", rsa, in_key("three", -1, 2)),  # the exponent 1
+    ("unsound", rsa, in_key("rsa", -6, 1)),  # the modulus even
+    ("unsound", ec, in_key("ec", -1, 1)),
+    ("not meant for signing", rsa, "agreement"),
+    ("not meant for signing", rsa, der["rsa"].replace(key_identifier, key_usage)),
     ("the certificate is malformed", rsa, der["rsa"] + b"\0"),
+    ("the certificate is malformed", rsa, pem(der["rsa"])),
     ("larger than 64 KiB", rsa, der["rsa"] + bytes(1 << 16)),
     ("larger than 64 MiB", bytes((1 << 26) + 1), "rsa"),
-    ("no CMS", rsa + b"\0", "rsa"), ("no CMS", b"text", "rsa"), ("no CMS", crl, "rsa"),
+    ("no CMS", rsa + b"\0", "rsa"),
+    ("no CMS", rsa.replace(oid(RSA[:-2] + "7.2").inside, oid(RSA[:-2] + "7.5").inside), "rsa"),
+    ("no CMS", pem(rsa)[:-20], "rsa"),
+    ("no CMS", pem(rsa).replace(b"CMS-----", b"CMS=====", 1), "rsa"),
+    ("no CMS", listless, "ec"),
+    ("no CMS", edited(own, lambda data, _: data[1].inside.append(data[1][0])), "ec"),
+    ("no CMS", put(own, build(parse(own)[0][1][0][-1][0][1][0], "long"), 1, 0), "ec"),
     ("nobody signed", edited(rsa, lambda data, _: data[-1].inside.clear()), "rsa"),
+    ("RSASSA-PSS are malformed or name several digests", put(pss, Element(5, b""), 4, 1), "rsa"),
     ("several digests", openssl(PSS + "-keyopt rsa_mgf1_md:sha512"), "rsa"),
-    ("two different digests", named(rsa, RSA + "13"), "rsa"),
-    ("not one of the certificate's key", named(ec, RSA + "10"), "ec"),
+    ("several digests", put(pss, oid(SHA512), 4, 1, 0, 0, 0), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, oid("1.2.3"), 4, 1, 1, 0, 0), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, Element(2, b"\xFE"), 4, 1, 2, 0), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, Element(2, b"\x08\x01"), 4, 1, 2, 0), "rsa"),
+    ("two different digests", put(rsa, oid(RSA + "13"), 4, 0), "rsa"),
+    ("not one of the certificate's key", put(ec, oid(RSA + "10"), 4, 0), "ec"),
+    ("not one of the certificate's key", put(ec, oid(RSA + "11"), 4, 0), "ec"),
+    ("not one of the certificate's key", put(rsa, octets, 4, 1), "rsa"),
     ("in the order of DER", edited(cades, lambda _, signer: signer[3].inside.reverse()), "rsa"),
     ("stands twice", edited(cades, lambda _, signer: signer[3].inside.append(signer[3][0])), "rsa"),
-    ("exactly one value", signed(DIGEST, octets, Element(4, bytes(32))), "rsa"),
-    ("is missing", signed(CONTENT), "rsa"), ("is missing", signed(DIGEST), "rsa"),
-    ("is malformed", signed(ESS, octets), "rsa"),
-    ("is malformed", signed(ESS_V2, identifiers()), "rsa"),
-    ("outside the certificate's validity", signed(TIME, late), "rsa"),
-    ("outside the certificate's validity", signed(TIME, Element(23, b"500101000000Z")), "rsa"),
+    ("exactly one value", signed(attribute(DIGEST, octets, foreign)), "rsa"),
+    ("is missing", signed(attribute(CONTENT)), "rsa"),
+    ("is missing", signed(attribute(DIGEST)), "rsa"),
+    ("is malformed, or there are more than 64", signed(*extras, attribute("1.2.4", octets)), "rsa"),
+    ("is malformed", signed(attribute(CONTENT, octets)), "rsa"),
+    ("is malformed", signed(attribute(TIME, octets)), "rsa"),
+    ("is malformed", signed(attribute(TIME, Element(23, b"tomorrow"))), "rsa"),
+    ("is malformed", signed(ess()), "rsa"),
+    ("outside the certificate's validity", signed(attribute(TIME, late)), "rsa"),
+    ("outside the certificate's validity", signed(attribute(TIME, early)), "rsa"),
     ("the file holds the signed attributes",  # which were signed last
      openssl("-noattr", data="attributes"), "rsa", "attributes"),
 ]
-for cause, *parts in [("", *each) for each in ACCEPTED] + REFUSED:
-    found = verdict(*parts)
-    check(found == "" if cause == "" else cause in found, f"'{cause}' but '{found}':",
-          len(parts[0]), parts[1:])
+for text, *parts in ACCEPTED + REFUSED:
+    found = told(*parts)
+    check(text in found, f"'{text}' but '{found}':", len(parts[0]), parts[1:])
 
 serial = setting.token_with_key("Own")
 check(setting.answer("sign", "create-ext", serial, PIN, "data", "own.p7s") == "DONE", "create-ext")
@@ -228,4 +258,10 @@ for tool in (f"openssl cms {VERIFY}", f"openssl smime {VERIFY}", "certtool --p7-
     for data in "data", "another":
         said = bash(f"{tool.replace('DATA', data)} 2>&1 && echo good || echo bad").splitlines()[-1]
         check(said == ("good" if data == "data" else "bad"), tool, data, said)
+expired = setting.token("Expired")
+setting.answer("key", "create", expired, PIN, "ds", "kep", "req.zip")
+bash(f"""openssl() {{ command openssl "${{@/365/-1}}"; }}  # days that certificates are valid
+    unzip -qo req.zip; certify {expired} {PIN} ''""")
+check(setting.answer("sign", "create-ext", expired, PIN, "data", "none") == "FAIL", "expired")
+check("the certificate is not valid at this time" in log.read_text(), "expired: cause")
 end(f"{len(ACCEPTED)} accepted, {len(REFUSED)} refused,")
