@@ -4,100 +4,124 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <fuzzer/FuzzedDataProvider.h>
-#include <optional>
 #include <string_view>
+#include <utility>
 
 namespace {
 
 using namespace std::literals;
 using text = std::string;
 using view = std::string_view;
-using replacement = std::optional<text>;
-using triple = std::array<text, 3>; // data, signature, certificate
 
-struct seed {
-    triple parts;
-    text der, base64;       // both forms of the certificate
-    std::vector<text> told; // by the signed attributes, one after the other
+// An element of BER holds bytes or elements. What is none has no tag, and its bytes are all of it.
+struct element {
+    char tag;
+    text bytes;
+    std::vector<element> inside{};
+    bool marked = false; // at its end, instead of a length
 };
-std::vector<seed> seeds;
+using elements = std::vector<element>;
 
-void require(bool promise) {
-    if (!promise) { std::abort(); }
-}
-
-// DER with its elements changed, and the lengths around them put right. A replacement takes an
-// element's place; where there is none, what is in the element is gone through.
-using change = std::function<replacement(int depth, view element, view inside)>;
-
-text changed(view encoding, const change& each, int depth = 0) {
-    text out;
+// Takes the elements off an encoding, up to its end or to the mark of it.
+elements parsed(view& encoding, bool marked = false) {
+    elements all;
     while (!encoding.empty()) {
         const auto* start = reinterpret_cast<const unsigned char*>(encoding.data());
         const auto* content = start;
         long size = 0;
         int tag = 0, kind = 0;
         const int form = ASN1_get_object(&content, &size, &tag, &kind, std::ssize(encoding));
-        const bool whole = form == 0 || form == V_ASN1_CONSTRUCTED;
-        const auto header = static_cast<std::size_t>(content - start);
-        const auto length = header + static_cast<std::size_t>(size);
-        const view element = encoding.substr(0, whole ? length : encoding.npos);
-        if (const auto result = each(depth, element, element.substr(header))) {
-            out += *result;
-        } else if (form == V_ASN1_CONSTRUCTED) {
-            const text inside = changed(element.substr(header), each, depth + 1);
-            std::array<unsigned char, 16> put{};
-            auto* end = put.data();
-            ASN1_put_object(&end, form, static_cast<int>(inside.size()), tag, kind);
-            out.append(put.data(), end).append(inside);
-        } else {
-            out += element;
+        if ((form & 0x80) != 0 || tag > 30) {
+            all.push_back({0, text(std::exchange(encoding, {}))});
+            break;
         }
-        encoding.remove_prefix(element.size());
+        element next{encoding[0], {}, {}, (form & 1) != 0};
+        encoding.remove_prefix(static_cast<std::size_t>(content - start));
+        if (marked && next.tag == 0) { break; }
+        const auto length = next.marked ? encoding.size() : static_cast<std::size_t>(size);
+        view inside = encoding.substr(0, length);
+        encoding.remove_prefix(length);
+        if ((form & V_ASN1_CONSTRUCTED) == 0) {
+            next.bytes = inside;
+        } else {
+            next.inside = parsed(inside, next.marked);
+            encoding = next.marked ? inside : encoding;
+        }
+        all.push_back(std::move(next));
+    }
+    return all;
+}
+
+text built(const elements& all) {
+    text out;
+    for (const auto& [tag, bytes, inside, marked] : all) {
+        const text contents = bytes + built(inside);
+        std::array<unsigned char, 16> header{};
+        auto* end = header.data();
+        ASN1_put_object(&end, marked ? 2 : 0, static_cast<int>(contents.size()), 0, 0);
+        header[0] = static_cast<unsigned char>(tag);
+        if (tag != 0) { out.append(header.data(), end); }
+        out += marked ? contents + "\0\0"s : contents;
     }
     return out;
 }
 
-// The elements of an encoding, down to a depth.
-std::vector<view> elements(view encoding, int deepest) {
-    std::vector<view> all;
-    changed(encoding, [&](int depth, view each, view) {
-        all.push_back(each);
-        return depth == deepest ? replacement(each) : std::nullopt;
-    });
+// Where there are elements, down to a depth.
+using place = std::pair<elements*, std::size_t>;
+std::vector<place> places(elements& in, std::size_t deepest) {
+    std::vector<place> all;
+    for (std::size_t at = 0; at < in.size(); ++at) {
+        all.emplace_back(&in, at);
+        const auto more = deepest > 0 ? places(in[at].inside, deepest - 1) : std::vector<place>{};
+        all.insert(all.end(), more.begin(), more.end());
+    }
     return all;
 }
 
-// What the attributes of the last signer tell, in the elements that hold no others.
-std::vector<text> toldIn(view message) {
-    std::vector<text> all;
-    changed(message, [&](int depth, view each, view inside) -> replacement {
-        if (depth == 5 && each[0] == '\xA0') { all.clear(); }
-        if (depth == 5 && each[0] != '\xA0') { return text(each); }
-        if (depth > 5 && (each[0] & V_ASN1_CONSTRUCTED) == 0) { all.emplace_back(inside); }
-        return std::nullopt;
-    });
+text bytesIn(const element& outer) {
+    text all = outer.bytes;
+    for (const auto& each : outer.inside) { all += bytesIn(each); }
     return all;
 }
+
+// What the signed attributes tell, of each signer.
+std::vector<text> told(view message) {
+    std::vector<text> all;
+    const auto data = parsed(message).at(0).inside.at(1).inside.at(0).inside;
+    for (const auto& signer : data.at(data.size() - 1).inside) {
+        for (const auto& each : signer.inside) {
+            if (each.tag == '\xA0') { all.push_back(bytesIn(each)); }
+        }
+    }
+    return all;
+}
+
+void require(bool promise) {
+    if (!promise) { std::abort(); }
+}
+
+using triple = std::array<elements, 3>; // data, signature, certificate
+struct seed {
+    triple parts;
+    text attributes;  // what the signed ones tell
+    text der, base64; // both forms of the certificate
+};
+std::vector<seed> seeds;
+const text data(made::data.begin(), made::data.end());
 
 // What passes has the data, the certificate and the signed attributes of a good one.
-bool isGood(const triple& parts) {
-    auto characters = parts[2];
+void check(const triple& parts, bool good = false) {
+    const auto of = built(parts[0]), signature = built(parts[1]), with = built(parts[2]);
+    if (made::verify(of, signature, with) != 0) { return require(!good); }
+    auto characters = with;
     std::erase_if(characters, [](char each) { return " \t\r\n"sv.find(each) != view::npos; });
-    return std::ranges::any_of(seeds, [&](const seed& good) {
-        std::size_t at = 0;
-        const bool signs = std::ranges::all_of(good.told, [&](const text& each) {
-            at = parts[1].find(each, at);
-            return at != text::npos;
-        });
-        return signs && parts[0] == good.parts[0] &&
-               (parts[2] == good.der || characters.find(good.base64) != text::npos);
-    });
+    const auto all = told(signature);
+    require(of == data && std::ranges::any_of(seeds, [&](const seed& each) {
+        return std::ranges::find(all, each.attributes) != all.end() &&
+               (with == each.der || characters.find(each.base64) != text::npos);
+    }));
 }
-
-bool verifies(const triple& parts) { return made::verify(parts[0], parts[1], parts[2]) == 0; }
 
 } // namespace
 
@@ -105,15 +129,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     auto kinds = made::kinds();
     kinds.pop_back(); // tied to its certificate by nothing
     const auto textOf = [](const made::bytes& bytes) { return text(bytes.begin(), bytes.end()); };
+    const auto parse = [](view encoding) { return parsed(encoding); };
     for (const auto& [key, certificate, signature, own] : kinds) {
         const auto der = textOf(made::der(certificate)), pem = textOf(made::pem(certificate));
         auto base64 = pem.substr(27, pem.size() - 53); // between its labels
         std::erase(base64, '\n');
         const auto message = textOf(signature);
         for (const auto& form : {der, pem}) {
-            seeds.push_back({{textOf(made::data), message, form}, der, base64, toldIn(message)});
-            require(seeds.back().told.size() > 8 && verifies(seeds.back().parts));
-            require(isGood(seeds.back().parts));
+            seeds.push_back(
+                {{parse(data), parse(message), parse(form)}, told(message).at(0), der, base64});
+            check(seeds.back().parts, true);
         }
     }
     return 0;
@@ -123,35 +148,30 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     FuzzedDataProvider input(bytes, size);
     const auto roll = [&](std::size_t n) { return input.ConsumeIntegralInRange(0UL, n - 1); };
     auto parts = seeds[roll(seeds.size())].parts;
-    const auto other = roll(2) == 0 ? parts : seeds[roll(seeds.size())].parts;
+    auto other = roll(2) == 0 ? parts : seeds[roll(seeds.size())].parts;
     for (int edits = 0; edits < 8 && input.remaining_bytes() > 0; ++edits) {
-        auto& part = parts[roll(3)];
-        const auto deepest = static_cast<int>(roll(17)); // near the top most is unsigned
-        const auto donors = elements(other[roll(3)], deepest);
-        const auto& donor = donors[roll(donors.size())];
-        auto left = roll(elements(part, deepest).size() + 1);
-        part = changed(part, [&](int depth, view whole, view inside) -> replacement {
-            if (left-- != 0) { return depth == deepest ? replacement(whole) : std::nullopt; }
-            text each(whole);
-            switch (roll(8)) {
-            case 0:
-                each[roll(2) * roll(each.size())] ^= static_cast<char>(1U << roll(8));
-                return each;
-            case 1: return each.insert(1, "\x81"); // the length as no DER has it
-            case 2: return each.insert(roll(each.size()), input.ConsumeRandomLengthString());
-            case 3: return each[0] + "\x80"s.append(inside) + "\0\0"s; // no length at all
-            case 4: {
-                const auto random = input.ConsumeRandomLengthString(127);
-                return each[0] + text(1, static_cast<char>(random.size())) + random;
-            }
-            case 5: return text(donor);
-            case 6:
-                each.append(donor)[whole.size()] ^= static_cast<char>(roll(2)); // tag
-                return each;
-            default: return "";
-            }
-        });
+        const auto part = roll(3), deepest = roll(17); // near the top most is unsigned
+        const auto all = places(parts[part], deepest), donors = places(other[part], deepest);
+        if (all.empty()) { continue; }
+        const auto [among, at] = all[roll(all.size())];
+        const auto [lent, which] = donors[roll(donors.size())];
+        const auto here = among->begin() + static_cast<std::ptrdiff_t>(at);
+        text whole = built({*here});
+        if (whole.empty()) { continue; }
+        switch (roll(9)) {
+        case 0: here->tag ^= static_cast<char>(1U << roll(8)); break;
+        case 1: here->marked = !here->marked; break;
+        case 2: *here = {here->tag, input.ConsumeRandomLengthString(127)}; break;
+        case 3: *here = (*lent)[which]; break;
+        case 4: among->insert(here, (*lent)[which]); break;
+        case 5: among->erase(here); break;
+        case 6:
+            *here = {0, whole.insert(roll(whole.size()), input.ConsumeRandomLengthString())};
+            break;
+        case 7: *here = {0, whole.insert(1, "\x81")}; break; // the length as no DER has it
+        default: whole[roll(whole.size())] ^= static_cast<char>(1U << roll(8)); *here = {0, whole};
+        }
     }
-    require(!verifies(parts) || isGood(parts));
+    check(parts);
     return 0;
 }
