@@ -4,6 +4,7 @@
 #include <EUSignCP.h>
 
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <openssl/cms.h>
 #include <openssl/evp.h>
@@ -47,25 +48,27 @@ inline bytes pem(const certificate& object) {
 
 inline EVP_PKEY* p256() { return EVP_EC_gen("P-256"); }
 
-// A certificate for the public key, issued by a throw-away authority.
-inline certificate issue(EVP_PKEY* subject, const char* usage = "critical,digitalSignature") {
+using extensions = std::map<int, const char*>;
+inline const extensions signing{{NID_key_usage, "critical,digitalSignature"}};
+
+// A certificate for the public key, issued by a throw-away authority, valid for that many seconds.
+inline certificate issue(EVP_PKEY* subject, extensions with = signing, long seconds = 3600) {
     static const key authority(p256());
     static long serial = 1000;
     certificate made(X509_new());
     X509_set_version(made.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(made.get()), ++serial);
     X509_gmtime_adj(X509_getm_notBefore(made.get()), -60);
-    X509_gmtime_adj(X509_getm_notAfter(made.get()), 3600);
+    X509_gmtime_adj(X509_getm_notAfter(made.get()), seconds);
     X509_NAME_add_entry_by_NID(X509_get_issuer_name(made.get()), NID_commonName, MBSTRING_ASC,
         reinterpret_cast<const unsigned char*>("Throw-away CA"), -1, -1, 0);
     X509_set_pubkey(made.get(), subject);
-    const auto extend = [&](int type, const char* value) {
+    with[NID_subject_key_identifier] = "01020304";
+    for (const auto& [type, value] : with) {
         X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, type, value);
         X509_add_ext(made.get(), extension, -1);
         X509_EXTENSION_free(extension);
-    };
-    extend(NID_subject_key_identifier, "01020304");
-    if (usage != nullptr) { extend(NID_key_usage, usage); }
+    }
     X509_sign(made.get(), authority.get(), EVP_sha256());
     return made;
 }
