@@ -77,11 +77,9 @@ static const std::map<std::string, std::function<std::string()>> functions{
     {"TextEncodeUtf8", [] { return TextEncodeUtf8(wide().c_str()); }},
     {"TextTransPlate", [] { return TextEncodeUtf8(TextTransPlate(wide()).c_str()); }}};
 
-static auto openFiles() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
-
 int main(int, char** argv) {
+    using files = std::filesystem::directory_iterator;
+    const auto openFiles = [] { return std::distance(files("/proc/self/fd"), {}); };
     argument = argv + 2;
     const auto before = openFiles();
     try {
