@@ -43,6 +43,7 @@ CERTTOOL = ("certtool --p7-detached-sign --load-certificate rsa.pem --load-privk
             " --infile data --outfile made ")
 GPGSM = "rm -f made; echo x | gpgsm --passphrase-fd 0 -u rsa --detach-sign -o made "
 NSS = "cmsutil -S -d nss -N rsa -Y NONE -T -i data -o made "
+AS_OWN = "-cades -nocerts -nosmimecap"  # as velmora signs
 PSS = "-keyopt rsa_padding_mode:pss "
 RSA, EC, PKCS9 = "1.2.840.113549.1.1.", "1.2.840.10045.", "1.2.840.113549.1.9."
 SHA1, SHA512, NIST = "1.3.14.3.2.26", "2.16.840.1.101.3.4.2.3", "2.16.840.1.101.3.4."
@@ -125,7 +126,7 @@ def sha(digest, contents):
 der = {name: in_der(name) for name in ("ec", "rsa", "three", "ca", "p384")}
 ec, rsa, plain, cades = openssl(by="ec"), openssl(), openssl("-nosmimecap"), openssl("-cades")
 pss = openssl(PSS)
-own = openssl("-cades -nocerts -nosmimecap", "ec")  # as velmora signs
+own = openssl(AS_OWN, "ec")
 listless = edited(own, lambda data, _: data[1].inside.clear())
 two = openssl("-signer other.pem -inkey other.key")
 many = edited(rsa, lambda data, signer: data[-1].inside.extend([signer] * 15))
@@ -213,9 +214,10 @@ REFUSED = [
     ("larger than 64 MiB", bytes((1 << 26) + 1), "rsa"),
     ("no CMS", rsa + b"\0", "rsa"),
     ("no CMS", rsa.replace(oid(RSA[:-2] + "7.2").inside, oid(RSA[:-2] + "7.5").inside), "rsa"),
-    ("no CMS", pem(rsa)[:-20], "rsa"),
+    ("no CMS", pem(rsa)[:-18], "rsa"),
     ("no CMS", pem(rsa).replace(b"CMS-----", b"CMS=====", 1), "rsa"),
     ("no CMS", listless, "ec"),
+    ("no CMS", put(openssl(AS_OWN), oid(RSA + "11"), 4, 0), "rsa"),
     ("no CMS", edited(own, lambda data, _: data[1].inside.append(data[1][0])), "ec"),
     ("no CMS", put(own, build(parse(own)[0][1][0][-1][0][1][0], "long"), 1, 0), "ec"),
     ("nobody signed", edited(rsa, lambda data, _: data[-1].inside.clear()), "rsa"),
@@ -225,6 +227,7 @@ REFUSED = [
     ("RSASSA-PSS are malformed", put(pss, oid("1.2.3"), 4, 1, 1, 0, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, Element(2, b"\xFE"), 4, 1, 2, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, Element(2, b"\x08\x01"), 4, 1, 2, 0), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, element(0xA3, Element(2, b"\2")), 4, 1, 2), "rsa"),
     ("two different digests", put(rsa, oid(RSA + "13"), 4, 0), "rsa"),
     ("not one of the certificate's key", put(ec, oid(RSA + "10"), 4, 0), "ec"),
     ("not one of the certificate's key", put(ec, oid(RSA + "11"), 4, 0), "ec"),
@@ -234,7 +237,7 @@ REFUSED = [
     ("exactly one value", signed(attribute(DIGEST, octets, foreign)), "rsa"),
     ("is missing", signed(attribute(CONTENT)), "rsa"),
     ("is missing", signed(attribute(DIGEST)), "rsa"),
-    ("is malformed, or there are more than 64", signed(*extras, attribute("1.2.4", octets)), "rsa"),
+    ("is malformed, or there are more than 64", signed(attribute(ESS_V2), *extras), "rsa"),
     ("is malformed", signed(attribute(CONTENT, octets)), "rsa"),
     ("is malformed", signed(attribute(TIME, octets)), "rsa"),
     ("is malformed", signed(attribute(TIME, Element(23, b"tomorrow"))), "rsa"),
