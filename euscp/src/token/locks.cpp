@@ -108,8 +108,8 @@ state_lock::state_lock(purpose use, CK_FUNCTION_LIST* module, const std::string&
 }
 
 void state_lock::take(short type, range_lock::range wanted) {
-    static range_lock::range holder{};  // the last one that stood in the way,
-    static microseconds patience = 0us; // and how long it may go on to
+    static range_lock::range holder{}; // the last one that stood in the way,
+    static microseconds waited = 0us;  // and how long it has, of this process's time in all
     steps waiting(1ms, 120s);
     for (;;) {
         const auto held = lock.blockedBy(type, wanted);
@@ -118,13 +118,14 @@ void state_lock::take(short type, range_lock::range wanted) {
         }
         if (held != holder) {
             holder = held;
-            patience = std::max(held.length, wanted.length) <= a_token ? 30s : 5s;
+            waited = 0us;
         }
-        const microseconds slept = patience > 0us ? waiting.next() : 0us;
+        const bool same = std::max(held.length, wanted.length) <= a_token;
+        const microseconds slept = waited < (same ? 30s : 5s) ? waiting.next() : 0us;
         if (slept == 0us) {
             return takeAround(held, type, wanted);
         }
-        patience -= slept;
+        waited += slept;
     }
 }
 
