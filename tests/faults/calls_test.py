@@ -2,16 +2,15 @@
 """calls_test.py PROGRAM DOUBLES: every call of the program that can fail fails once, of EUSignCP
 and libzip as the doubles play them, and of the system for the files that it reads and writes."""
 
-import collections
-import errno
+import itertools
 import os
 import re
 import shutil
 import sys
-import traceback
 
 from setting import PIN, Setting, check, counts, end, verdicts
 
+DOUBLES = os.path.abspath(sys.argv[2])
 USAGE, FAIL, DONE, PASSED, FAILED = "(usage)", "FAIL", "DONE", "PASSED", "FAILED"
 PERIOD = '{"min-time":"2024-01-31T09:05:00","max-time":"2026-12-31T23:59:58"}'
 
@@ -19,7 +18,6 @@ PERIOD = '{"min-time":"2024-01-31T09:05:00","max-time":"2026-12-31T23:59:58"}'
 # to the medium, when the key does not open, and when the certificate or the signature fails.
 COMMANDS = {
     "media list": ("S1", "", FAIL, FAIL, FAIL),
-    "media list S1": ("S1", "", FAIL, FAIL, FAIL),
     "key create S1 secret ds kep req.zip": (DONE, USAGE, FAIL, FAIL, FAIL),
     "key delete S1 secret": (DONE, USAGE, USAGE, FAIL, FAIL),
     "key test-access S1 secret": (PASSED, FAILED, FAILED, FAIL, FAIL),
@@ -33,36 +31,36 @@ COMMANDS = {
 }
 FILES = {"blob": "some data", "sign": "a signature", "crt": "a certificate",
          "new.crt": "old", "req.zip": "old", "new.p7s": "old"}
+CALL_FAULTS = {"error=EIO": "Input/output error", "error=ENOSPC": "No space left on device",
+               "error=EACCES": "Permission denied", "signal=KILL": None}
 
 
 class Run:
     """A run on one medium, whose key is there until it is deleted; with what holds for each."""
 
-    def __init__(self, setting, command, wrapper=(), libraries=sys.argv[2], **doubles):
-        self.folder = setting.folder / "work"
+    def __init__(self, command, wrapper=(), libraries=DOUBLES, **doubles):
+        self.folder = place.folder / "work"
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.mkdir()
-        for name, content in FILES.items():
+        for name, content in {**FILES, "../calls": ""}.items():
             (self.folder / name).write_text(content)
-        env = dict(setting.env, LD_LIBRARY_PATH=os.path.abspath(libraries), TRANSCRIPT="../calls",
-                   EU_MEDIA="@+,S1", EU_KEY="10" if "delete" in command else "1", **doubles)
-        (setting.folder / "calls").write_text("")
-        self.out = setting.answer(*command.split(), wrapper=wrapper, env=env, cwd=self.folder)
-        self.told = (setting.folder / "calls").read_text()
-        self.name = f"{command} {doubles} {' '.join(wrapper)}\n{self.told}{self.out}"
-        self.check("leak" not in self.told)
+        env = dict(place.env, LD_LIBRARY_PATH=libraries, TRANSCRIPT="../calls", EU_MEDIA="@+,S1",
+                   EU_KEY="10" if "delete" in command else "1", **doubles)
+        self.out = place.answer(*command.split(), wrapper=wrapper, env=env, cwd=self.folder)
+        self.told = (place.folder / "calls").read_text()
+        self.what = f"{command} {doubles} {wrapper}\n{self.told}{self.out}"
         counts["runs"] += 1
-        for given, back in (
-                (r"EUInitialize\(\) = 0", r"EUFinalize\(\)"),
-                ("zip_open", "zip_close|zip_discard"),
-                ("zip_source_buffer", "zip_file_add|zip_source_free")):
-            self.check(self.count(f"^({given})$") == self.count(f"^({back})$"))
+        self.killed = "> status -9 " in self.out
+        if self.killed:
+            return
+        check("leak" not in self.told, self.what)
+        for given, back in ((r"EUInitialize\(\) = 0", r"EUFinalize\(\)"),
+                            ("zip_open", "zip_close|zip_discard"),
+                            ("zip_source_buffer", "zip_file_add|zip_source_free")):
+            check(self.count(f"^({given})$") == self.count(f"^({back})$"), self.what)
 
     def count(self, pattern):
         return len(re.findall(pattern, self.told, re.MULTILINE))
-
-    def check(self, holds):
-        check(holds, self.name, *traceback.format_stack(limit=2)[:1])
 
     def failed_for(self, cause):
         """Whether it came to nothing, for the cause in its log."""
@@ -81,17 +79,16 @@ def answer(outcomes, function, natural, code, deleted):
     return not_signed if re.search("Certificate|SignData|Verify", function) else FAIL
 
 
-def library_calls(setting):
+def library_calls():
     for command, outcomes in COMMANDS.items():
-        smooth = Run(setting, command)
-        smooth.check(smooth.out == outcomes[0])
+        smooth = Run(command)
+        check(smooth.out == outcomes[0], smooth.what)
         deleted = False
         calls = re.findall(r"^(EU\w+)\(.*\) = (\d+)$", smooth.told, re.MULTILINE)
         for k, (function, natural) in enumerate(calls, start=1):
             for code in (5, 7, 18, 4242):
-                run = Run(setting, command, EU_FAIL=f"{k}:{code}")
+                run = Run(command, EU_FAIL=f"{k}:{code}")
                 expected = answer(outcomes, function, int(natural), code, deleted)
-                run.check(run.out == expected)
                 # The text of a code is asked once, where the call failed, for its one record.
                 text = "why %s" if code != 4242 else r"\(null\)"
                 number = "" if expected == FAILED and "verify" in command else rf".*\b{code}\b.*"
@@ -99,61 +96,52 @@ def library_calls(setting):
                     rf"\) = {code}\nEUGetErrorLangDesc\({code}, 3\)\n[12] \S+ \S+: fail: "
                     rf"{function.replace('Ctx', '(Ctx)?')}( \()?{number}{text}\)$")
                 silent = (code, function[:6]) in ((7, "EUEnum"), (18, "EUIsPr"))
-                run.check(told == (0 if silent else 1))
-                run.check(told == run.count("EUGetErrorLangDesc") == run.count(rf"{text}\)$"))
+                asked, logged = run.count("EUGetErrorLangDesc"), run.count(rf"{text}\)$")
+                check(run.out == expected and told == asked == logged == (not silent), run.what)
             deleted |= function == "EUDestroyPrivateKey"
 
 
-def archive_calls(setting):
+def archive_calls():
     command = "key create S1 secret ds kep req.zip"
-    for k in range(1, 1 + Run(setting, command).count("^zip_(?!discard|source_free)")):
+    for k in range(1, 1 + Run(command).count("^zip_(?!discard|source_free)")):
         for code, text in ((14, "Malloc failure"), (5, "Read error"), (18, "Invalid argument")):
-            run = Run(setting, command, ZIP_FAIL=f"{k}:{code}")
-            run.check(run.failed_for(f"zip_open .answer:{code}|zip_\\w+ .{text}"))
-            run.check((run.folder / "req.zip").read_text() == "old")
+            run = Run(command, ZIP_FAIL=f"{k}:{code}")
+            check(run.failed_for(f"zip_open .answer:{code}|zip_\\w+ .{text}"), run.what)
+            check((run.folder / "req.zip").read_text() == "old", run.what)
 
 
-def file_calls(setting):
-    """Every system call of these commands on a file in their folder fails in turn; they write a
-    file, which survives a failure or does not. The signature is one of a real token's."""
-    serial = setting.token_with_key("Alice")
-    (setting.folder / "log2").mkdir()
-    (setting.folder / "log2/liblog2.so").symlink_to(os.path.abspath(f"{sys.argv[2]}/liblog2.so"))
-    # Without the prctl by which the program keeps its files and memory from being looked at.
-    # The sanitizer looks for leaks by tracing, and excludes another tracer.
-    sanitizer = f"ASAN_OPTIONS=detect_leaks=0:{setting.env['ASAN_OPTIONS']}"
-    tracing = ("env", sanitizer, "strace", "-qq", "-y", "-o", "../trace",
-               "-e", "inject=prctl:retval=0")
+def file_calls():
+    """Every system call of these commands on a file in their folder fails in turn, or they are
+    killed there; they write a file, which survives or does not. The last signature is a real one."""
+    real = place.folder / "log2"
+    place.bash(f"mkdir log2; ln -s '{DOUBLES}/liblog2.so' log2")
+    signing = f"sign create-ext {place.token_with_key('Alice')} {PIN} blob new.p7s"
     for command, made, survives, libraries in (
-            ("key create S1 secret ds kep req.zip", "req.zip", True, sys.argv[2]),
-            ("sign export-crt S1 secret new.crt", "new.crt", False, sys.argv[2]),
-            ("sign verify blob sign crt", "blob", True, sys.argv[2]),
-            (f"sign create-ext {serial} {PIN} blob new.p7s", "new.p7s", True,
-             setting.folder / "log2")):
-        smooth = Run(setting, command, tracing, libraries)
+            ("key create S1 secret ds kep req.zip", "req.zip", True, DOUBLES),
+            ("sign export-crt S1 secret new.crt", "new.crt", False, DOUBLES),
+            ("sign verify blob sign crt", "blob", True, DOUBLES),
+            (signing, "new.p7s", True, real)):
+        smooth = Run(command, place.traced(), libraries)
+        check(smooth.out in (DONE, PASSED), smooth.what)
         whole = (smooth.folder / made).stat().st_size
-        smooth.check(smooth.out in (DONE, PASSED))
         named = rf'{smooth.folder}/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
-        seen = collections.Counter()
-        for line in (setting.folder / "trace").read_text().splitlines():
-            call = line.partition("(")[0]
-            seen[call] += 1
-            if call == "execve" or not re.search(named, line):
-                continue
-            for error in (errno.EIO, errno.ENOSPC, errno.EACCES):
-                inject = f"inject={call}:error={errno.errorcode[error]}:when={seen[call]}"
-                run = Run(setting, command, (*tracing, "-e", inject), libraries)
-                trace = (setting.folder / "trace").read_text()
-                run.check(re.search(rf"^{call}\(.*INJECTED", trace, re.MULTILINE))
-                run.check(run.out == smooth.out or run.failed_for(
-                    f"{os.strerror(error)}|actual-size:0|zip_open|the (data|signature) file "))
-                run.check({each.name for each in run.folder.iterdir()} == FILES.keys())
-                left = (run.folder / made).read_bytes()
-                run.check(abs(len(left) - whole) < 8 if run.out == smooth.out else
-                          not survives or left == FILES[made].encode())
+        points = [(call, number) for call, number, rest in place.system_calls()
+                  if call != "execve" and re.search(named, rest)]
+        for (call, number), how in itertools.product(points, CALL_FAULTS):
+            run = Run(command, place.traced("-e", f"inject={call}:{how}:when={number}"), libraries)
+            injected = any(name == call and rest.endswith("(INJECTED)")
+                           for name, _, rest in place.system_calls())
+            cause = f"{CALL_FAULTS[how]}|actual-size:0|zip_open|the (data|signature) file "
+            same = run.out == smooth.out
+            check(run.killed or injected and (same or run.failed_for(cause)), run.what)
+            names, left = {each.name for each in run.folder.iterdir()}, run.folder / made
+            check(names == FILES.keys() or run.killed and names > FILES.keys(), run.what)
+            is_whole = abs(left.stat().st_size - whole) < 8
+            as_before = not survives or left.read_text("latin-1") == FILES[made]
+            check(not same and as_before or (same or run.killed) and is_whole, run.what)
 
 
-with Setting() as place:
-    for sweep in (library_calls, archive_calls, file_calls):
-        sweep(place)
-    end("calls:", counts["runs"], "runs,")
+place = Setting()
+for sweep in (library_calls, archive_calls, file_calls):
+    sweep()
+end("calls:", counts["runs"], "runs,")

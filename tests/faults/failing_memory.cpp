@@ -1,10 +1,8 @@
-// Preloaded into a program: FAIL_MEMORY=K:PLACE lets one allocation of it fail, the first of the
-// place from a little before the K-th on (as runs differ a little). The file "trace" gets a line
-// for each one, or only for the one that fails: its number, its place (by the innermost functions
-// on the call stack), and the file it was made for (the innermost that is not the allocator's or a
-// language runtime's).
+// Preloaded into a program: FAIL_MEMORY=PLACE lets the first allocation at that place fail. The
+// file "trace" gets a line for each allocation, or only for the one that fails: its place (by the
+// innermost functions on the call stack), and the file it was made for (the innermost that is not
+// the allocator's or a language runtime's).
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,9 +22,8 @@ void* __libc_realloc(void* old, size_t size);
 
 namespace {
 
-long made = 0;
-long first = 0; // that is looked at
-std::uint64_t wanted = 0;
+std::uint64_t wanted = 0; // all of them
+bool looking = true;
 int trace = -1;
 
 // With -z initfirst, before any other initialiser of the process.
@@ -34,9 +31,7 @@ __attribute__((constructor)) void configure(int, char**, char** environment) {
     trace = open("trace", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     for (; *environment != nullptr; ++environment) {
         if (std::strncmp(*environment, "FAIL_MEMORY=", 12) == 0) {
-            char* colon = nullptr;
-            first = std::strtol(*environment + 12, &colon, 10) - 100;
-            wanted = std::strtoul(colon + 1, nullptr, 16);
+            wanted = std::strtoul(*environment + 12, nullptr, 16);
         }
     }
 }
@@ -65,21 +60,17 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
 }
 
 bool fails() {
-    if (++made < first) { return false; }
+    if (!looking) { return false; }
     call_stack stack;
     _Unwind_Backtrace(visit, &stack);
-    const bool now = stack.place == wanted;
-    if (now || wanted == 0) {
+    if (wanted == 0 || stack.place == wanted) {
         char line[256];
-        const int length =
-            std::snprintf(line, sizeof line, "%ld %lx %s\n", made, stack.place, stack.owner);
+        const int length = std::snprintf(line, sizeof line, "%lx %s\n", stack.place, stack.owner);
         (void)!write(trace, line, static_cast<size_t>(length));
     }
-    if (now) {
-        first = LONG_MAX;
-        errno = ENOMEM;
-    }
-    return now;
+    looking = stack.place != wanted;
+    if (!looking) { errno = ENOMEM; }
+    return !looking;
 }
 
 } // namespace

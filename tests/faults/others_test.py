@@ -29,79 +29,77 @@ PLANTS = {
 }
 CAUSE = r"fail: (EUCtxSignFile .*the (data|signature) file |(target|fopen|rename|entry) <.*> \(\w)"
 
-with Setting() as setting, ThreadPoolExecutor(1) as pool:
-    serial, new, folder = setting.token_with_key("Alice"), setting.token("Bob"), setting.folder
-    shared, own, target = folder / "shared", folder / "target!", folder / "shared/it"
-    setting.env["ASAN_OPTIONS"] += ":detect_leaks=0"  # which does not work under a tracer
-    setting.bash("""chmod 711 .; mkdir -m 1777 shared; head -c 99 ca.pem >data; echo own >target!
-        cp target! own; chmod 600 target!; openssl x509 -in ds.pem -outform DER -out ds.crt""")
+setting, pool = Setting(), ThreadPoolExecutor(1)
+serial, new, folder = setting.token_with_key("Alice"), setting.token("Bob"), setting.folder
+shared, own, target = folder / "shared", folder / "target!", folder / "shared/it"
+setting.bash("""chmod 711 .; mkdir -m 1777 shared; echo own >target!; cp target! own
+    chmod 600 target!""")
 
-    def run(command, words, **options):
-        """What it answers, and logs."""
-        if command == "key create":
-            setting.answer("key", "delete", new, PIN)
-        (folder / "log/velmora.log").unlink(missing_ok=True)
-        got = setting.answer(*command.split(), new if "key" in command else serial, PIN, *words,
-                             **options)
-        return got, (folder / "log/velmora.log").read_text(errors="replace")
+def run(command, words, **options):
+    """What it answers, and logs."""
+    if command == "key create":
+        setting.answer("key", "delete", new, PIN)
+    medium = new if "key" in command else serial
+    return setting.logged(*command.split(), medium, PIN, *words, **options)
 
-    def meanwhile(command, words, stop, do):
-        """The same of one that is stopped, and something is done when it has found its files."""
-        trace = folder / "trace"
-        trace.write_text("")
-        running = pool.submit(run, command, words, wrapper=(
-            "strace", "-fqqo", trace, "-P", folder / "data", "-P", shared, "-e", f"inject={stop}"))
-        while not running.done() and "O_PATH" not in trace.read_text():
-            time.sleep(0.01)
-        check(not running.done(), command, "was not stopped")
-        do()
-        return running.result()
+def meanwhile(command, words, stop, do):
+    """The same of one that is stopped, and something is done when it has found its files."""
+    trace = folder / "trace"
+    trace.write_text("")
+    running = pool.submit(run, command, words, wrapper=setting.traced(
+        "-P", folder / "data", "-P", shared, "-e", f"inject={stop}"))
+    while not running.done() and "O_PATH" not in trace.read_text():
+        time.sleep(0.01)
+    do()
+    check(not running.done(), command, "was not stopped until then")
+    return running.result()
 
-    def plant(what):
-        setting.bash(f"rm -rf shared/*; cd shared; {' '.join(OTHER)} sh -c '{what}'")
+def plant(what):
+    planted = f"rm -rf *; {' '.join(OTHER)} sh -c '{what}'"
+    subprocess.run(["sh", "-c", planted], cwd=shared, check=True)
 
-    cases = [(what, late, *each) for what, ends in PLANTS.items() for late in (False, True)
-             for each in zip(COMMANDS, ends[late])]
-    for what, late, (command, words, stop), end_letter in cases:
-        plant("true" if late else what)
-        got, log = (meanwhile(command, words, stop, lambda: plant(what)) if late else
-                    run(command, words))
-        point, status = (what, command, late, got, log), target.lstat()
-        check(got[0] == end_letter and (got == "DONE" or re.search(CAUSE, log)), *point)
-        check(got == "FAIL" or status.st_mode == stat.S_IFREG | 0o644 and not status.st_uid, *point)
-        check(own.read_bytes() == b"own\n" and [*shared.iterdir()] == [target], *point)
-        if (command, got) == ("key create", "DONE"):
-            modes = {each.external_attr >> 16 for each in zipfile.ZipFile(target).infolist()}
-            check(modes == {stat.S_IFREG | 0o644}, *point, modes)
+cases = [(what, late, *each) for what, ends in PLANTS.items() for late in (False, True)
+         for each in zip(COMMANDS, ends[late])]
+for what, late, (command, words, stop), end_letter in cases:
+    plant("true" if late else what)
+    got, log = (meanwhile(command, words, stop, lambda: plant(what)) if late else
+                run(command, words))
+    point, status = (what, command, late, got, log), target.lstat()
+    check(got[0] == end_letter and (got == "DONE" or re.search(CAUSE, log)), *point)
+    check(got == "FAIL" or status.st_mode == stat.S_IFREG | 0o644 and not status.st_uid, *point)
+    check(own.read_bytes() == b"own\n" and [*shared.iterdir()] == [target], *point)
+    if (command, got) == ("key create", "DONE"):
+        modes = {each.external_attr >> 16 for each in zipfile.ZipFile(target).infolist()}
+        check(modes == {stat.S_IFREG | 0o644}, *point, modes)
 
-    setting.bash("rm -rf shared/*; ln -s ../target! shared/it")  # one's own link
-    for command, words, _ in COMMANDS:
-        check(run(command, words)[0] == "DONE" and target.is_symlink(), command)
-        check(setting.is_whole(command.split()[1]) and own.stat().st_mode & 0o777 == 0o600, command)
-    got, log = meanwhile("sign create-ext", ("data", "shared/it"), "read:delay_enter=700000:when=1",
-                         lambda: setting.bash("echo more >>data"))
-    check(got == "FAIL" and "changed while" in log, got, log)
+setting.bash("rm -rf shared/*; ln -s ../target! shared/it")  # one's own link
+for command, words, _ in COMMANDS:
+    check(run(command, words)[0] == "DONE" and target.is_symlink(), command)
+    check(setting.is_whole(command.split()[1]) and own.stat().st_mode & 0o777 == 0o600, command)
+got, log = meanwhile("sign create-ext", ("data", "shared/it"), "read:delay_enter=700000:when=1",
+                     lambda: setting.bash("echo more >>data"))
+check(got == "FAIL" and "changed while" in log, got, log)
 
-    # The log: what is planted is neither written to nor turned over, and the command goes on. What
-    # is there, made by whom; the folder's mode and owner; whether that becomes the log.
-    setting.env["LOG2_DIR"] = shared
-    chain = "n=velmora.log; for i in {}; do ln -s $i $n; n=$i; done"
-    by_other, by_self, twice = " ".join(OTHER), "", "echo >a; ln a velmora.log"
-    for what, by, mode, owner, ours in (
-            ("echo >velmora.log", by_self, 1777, 0, True), (twice, by_self, 1777, 0, False),
-            (twice, by_self, 755, 0, True), ("echo >velmora.log", by_other, 1777, 0, False),
-            ("echo >velmora.log", by_other, 777, 0, True), (twice, by_other, 777, 0, False),
-            ("echo >velmora.log", by_other, 755, 0, True),
-            ("echo >velmora.log", by_other, 1777, 23456, True),
-            ("ln -s ../own velmora.log", by_other, 755, 0, False),
-            ("ln -s ../own velmora.log", by_other, 755, 23456, True),
-            ("ln -s ../own velmora.log", by_other, 1777, 0, False),
-            (chain.format("2 3 4 5 6 7 8 ../own"), by_self, 755, 0, True),
-            (chain.format("2 3 4 5 6 7 8 9 ../own"), by_self, 755, 0, False),
-            ("truncate -s 8M velmora.log; mkdir velmora.log.1", by_other, 777, 0, False)):
-        setting.bash(f"""rm -rf shared; mkdir -m 777 shared; echo >own; cd shared; umask 0
-            {by} sh -c '{what}'; chown {owner} .; chmod {mode} .""")
-        got, log = setting.answer("media", "list", serial), shared / "velmora.log"
-        text = (folder / "own" if log.is_symlink() else log).read_text()
-        check(got == serial and ("mediaList" in text) == ours, what, by, mode, owner, text[-200:])
-    end("others:")
+# The log: what is planted is neither written to nor turned over, and the command goes on. What
+# is there, made by whom; the folder's mode and owner; whether that becomes the log.
+setting.env["LOG2_DIR"] = shared
+chain = "n=velmora.log; for i in {}; do ln -s $i $n; n=$i; done"
+by_other, by_self, twice = " ".join(OTHER), "", "echo >a; ln a velmora.log"
+for what, by, mode, owner, ours in (
+        ("echo >velmora.log", by_self, 1777, 0, True), (twice, by_self, 1777, 0, False),
+        (twice, by_self, 755, 0, True), ("echo >velmora.log", by_other, 1777, 0, False),
+        ("echo >velmora.log", by_other, 777, 0, True), (twice, by_other, 777, 0, False),
+        ("echo >velmora.log", by_other, 755, 0, True),
+        ("echo >velmora.log", by_other, 1777, 23456, True),
+        ("ln -s ../own velmora.log", by_other, 755, 0, False),
+        ("ln -s ../own velmora.log", by_other, 755, 23456, True),
+        ("ln -s ../own velmora.log", by_other, 1777, 0, False),
+        (chain.format("2 3 4 5 6 7 8 ../own"), by_self, 755, 0, True),
+        (chain.format("2 3 4 5 6 7 8 9 ../own"), by_self, 755, 0, False),
+        ("truncate -s 8M velmora.log; mkdir velmora.log.1", by_other, 777, 0, False)):
+    setting.bash(f"""rm -rf shared; mkdir -m 777 shared; echo >own; cd shared; umask 0
+        {by} sh -c '{what}'; chown {owner} .; chmod {mode} .""")
+    got, log = setting.answer("media", "list", serial), shared / "velmora.log"
+    text = (folder / "own" if log.is_symlink() else log).read_text()
+    check(got == serial and ("mediaList" in text) == ours, what, by, mode, owner, text[-200:])
+end("others:")

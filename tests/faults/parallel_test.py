@@ -1,69 +1,100 @@
 #!/usr/bin/env python3
-"""Many processes on one token at once: signatures, generations, everything with everything."""
+"""Many processes on one token at once: signatures, generations, everything with everything; and
+beside one that hangs."""
 
+import os
+import re
+import signal
 import subprocess
 import time
 from collections import Counter
-from concurrent.futures import ThreadPoolExecutor
 
-from setting import KEY, PIN, PROGRAM, VERIFY, Setting, check, end, verdicts
+from setting import KEY, PIN, PROGRAM, USAGE, VERIFY, Setting, check, end, verdicts
+
+place = Setting()
+how = {"cwd": place.folder, "env": place.env}
 
 
 def key(verb, serial):
     return ["key", verb, serial, PIN] + ["ds", "kep", "req.zip"] * (verb == "create")
 
 
-def at_once(place, pause, commands):
+def at_once(pause, commands):
     """What the commands answer, each started a pause after the one before."""
-    started, how = [], {"cwd": place.folder, "env": place.env, "stdout": subprocess.PIPE}
+    started = []
     for each in commands:
-        started.append(subprocess.Popen([PROGRAM, *each], **how))
+        process = subprocess.Popen([PROGRAM, *each], stdout=subprocess.PIPE, text=True, **how)
+        started.append((each[1], process))
         time.sleep(pause)
-    return Counter(each.communicate()[0].decode().strip() for each in started)
+    answers = ((verb, process.communicate()[0]) for verb, process in started)
+    return Counter((verb, text.replace(USAGE, "(usage)").strip()) for verb, text in answers)
 
 
-def sign(place):
-    serial = place.token_with_key("Alice")
-    targets, signing = [*range(64)] + ["same"] * 16, ["sign", "create-ext", serial, PIN, "ds.pem"]
-    said = at_once(place, 0, [[*signing, f"{each}.p7s"] for each in targets])
-    each = f"{VERIFY} $each && echo yes"
-    verified = place.bash(f"cp ds.pem data; for each in *.p7s; do {each}; done | wc -l")
-    check(said == {"DONE": 80} and verified == "65", "signatures:", said, verified, "files verify")
+def sign(serial):
+    targets, signing = [*range(64)] + ["same"] * 16, ["sign", "create-ext", serial, PIN, "data"]
+    said = at_once(0, [[*signing, f"{each}.p7s"] for each in targets])
+    verified = place.bash(f"for each in *.p7s; do {VERIFY} $each && echo yes; done | wc -l")
+    right = said == {("create-ext", "DONE"): 80} and verified == "65"
+    check(right, "signatures:", said, verified, "files verify")
 
 
-def create(place, rounds):
-    serial = place.token("Bob")
+def stopped(serial):
+    """The number of a process that has stopped with the token locked."""
+    trace, locked = place.folder / "trace", r"/dev/null>, F_OFD_SETLK, \{l_type=F_WRLCK.* = 0"
+    while True:  # whoever has to wait for another one makes more calls
+        place.answer(*key("test-valid", serial), wrapper=place.traced())
+        login = next(i for _, i, rest in place.system_calls() if re.search(locked, rest))
+        stop = place.traced("-e", f"inject=fcntl:signal=STOP:when={login}")
+        trace.write_text("")
+        command = [*stop, PROGRAM, *key("test-valid", serial)]
+        started = subprocess.Popen(command, stdout=subprocess.DEVNULL, **how)
+        while "stopped by SIGSTOP" not in trace.read_text() and started.poll() is None:
+            time.sleep(0.01)
+        process = int(trace.read_text().split()[0])
+        if re.search(locked + ".*\n.*SIGSTOP", trace.read_text()):
+            return process
+        if started.poll() is None:
+            os.kill(process, signal.SIGKILL)
+
+
+def hang(serial, other):
+    """A process that hangs at its token is waited for, but not for long by those at another one."""
+    process, begun = stopped(serial), time.monotonic()
+    said = at_once(0, [["media", "list", other], key("test-access", other),
+                       ["sign", "create-ext", other, PIN, "data", "it"]])
+    took = time.monotonic() - begun
+    os.kill(process, signal.SIGKILL)
+    right = {("list", other): 1, ("test-access", "PASSED"): 1, ("create-ext", "DONE"): 1}
+    check(said == right and 4 < took < 20, "beside one that hangs:", said, "after", took)
+
+
+def change(serial, rounds):
+    create, delete, *looks = (
+        *(key(each, serial) for each in ("create", "delete", "test-access", "test-valid")),
+        ["media", "list", serial])
+    heard = Counter()
     for i in range(rounds):
         many = 2 if i < rounds // 2 else 12
-        said = at_once(place, 0.005 * i / many, [key("create", serial)] * many)
-        kinds = place.objects("Bob")[1]
-        then = [place.answer(*key(each, serial)) for each in ("test-valid", "delete")]
-        right = said == {"DONE": 1, "FAIL": many - 1} and kinds == KEY
-        check(right and then == ["PASSED", "DONE"], "generations:", i, said, kinds, then)
-
-
-def mix(place, times):
-    serial = place.token("Carol")
-    changers = [["create", "delete"], ["create", "delete"], ["delete", "create"]]
-    groups = [["list"], ["test-access"] * 3, ["test-valid"]] + changers
-    words = lambda each: key(each, serial) if each != "list" else ["media", "list", serial]
-    answer = lambda each: (each, place.answer(*words(each)))
-    with ThreadPoolExecutor(len(groups)) as pool:
-        answers = pool.map(lambda group: [answer(each) for each in group * times], groups)
-    heard = Counter(sum(answers, []))
+        pause = 0.005 * i / many
+        made = at_once(pause, [create, *looks] + [create] * (many - 1))
+        valid, kinds = place.answer(*key("test-valid", serial)), place.objects("Bob")[1]
+        right = made["create", "DONE"] == 1 and made["create", "FAIL"] == many - 1
+        check(right and valid == "PASSED" and kinds == KEY, "generations:", i, made, valid, kinds)
+        mixed = at_once(pause, [delete, *looks, create, delete])
+        place.answer(*delete)
+        left = place.objects("Bob")[0]
+        check(mixed["delete", "DONE"] and not left, "deletions:", i, mixed, left)
+        heard += made + mixed
     right = {"list": [serial], "create": ["DONE", "FAIL"], "delete": ["DONE", "FAIL", "(usage)"]}
-    for each, text in heard:
-        check(text in right.get(each, ["PASSED", "FAILED"]), each, "answers", text)
-    check(min(heard["create", "DONE"], heard["delete", "DONE"]) >= times // 2, "too few:", heard)
-    place.answer(*key("delete", serial))
-    check(not place.objects("Carol")[0], "a deletion leaves", place.objects("Carol"))
-    check(answer("create")[1] == "DONE", "no key can be made")
+    for verb, text in heard:
+        check(text in right.get(verb, ["PASSED", "FAILED"]), verb, "answers", text)
+    check(place.answer(*create) == "DONE", "no key can be made")
     place.certify(serial)
-    check(answer("test-all")[1] == verdicts(3), "the key does not work")
+    check(place.answer(*key("test-all", serial)) == verdicts(3), "the key does not work")
 
 
-with Setting() as setting:
-    sign(setting)
-    create(setting, 16)
-    mix(setting, 12)
-    end("parallel:")
+alice = place.token_with_key("Alice")
+sign(alice)
+hang(place.token_with_key("Carol"), alice)
+change(place.token("Bob"), 16)
+end("parallel:")

@@ -5,28 +5,26 @@ key is asked what it would let out."""
 
 import ctypes
 import os
+import pathlib
 import shutil
 import signal
 import subprocess
 
 from setting import PIN, PROGRAM, Setting, check, end
 
-TRACEME, PEEKUSER, POKEUSER, SYSCALL, SETOPTIONS = 0, 3, 6, 24, 0x4200  # requests of ptrace
-NUMBER, PRCTL, GETPID = 120, 157, 39  # where the number of a system call stands, and two numbers
-TRACESYSGOOD, TRACEEXIT = 0x1, 0x40  # its options
-SYSTEM_CALL, EXIT = signal.SIGTRAP | 0x80, signal.SIGTRAP | 6 << 8  # what stops the process
+TRACEME, SYSCALL, SETOPTIONS = 0, 24, 0x4200  # requests of ptrace
+TRACEEXIT, EXIT = 0x40, 6  # its option, and the event that it makes
 ptrace = ctypes.CDLL(None).ptrace
 ptrace.argtypes = ctypes.c_long, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p
 
 
-def memory(pid):
-    """All that the process may write to."""
-    with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", 0) as contents:
-        for place, rights, *_ in map(str.split, maps):
-            if rights.startswith("rw"):
-                first, last = (int(number, 16) for number in place.split("-"))
-                contents.seek(first)
-                yield contents.read(last - first)
+def writable(maps, memory):
+    """All that a process may write to."""
+    for place, rights, *_ in map(str.split, maps):
+        if rights.startswith("rw"):
+            first, last = (int(number, 16) for number in place.split("-"))
+            memory.seek(first)
+            yield memory.read(last - first)
 
 
 def watch(setting, password, command):
@@ -39,26 +37,21 @@ def watch(setting, password, command):
             command, cwd=setting.folder, env=env, stdin=subprocess.DEVNULL, stdout=output,
             stderr=output, preexec_fn=lambda: ptrace(TRACEME, 0, None, None))
     process.returncode = 0  # only this function waits for it
-    pid, found, seen, signalled = process.pid, set(), False, 0
-    os.waitpid(pid, 0)
-    ptrace(SETOPTIONS, pid, None, TRACESYSGOOD | TRACEEXIT)
-    while True:
-        ptrace(SYSCALL, pid, None, signalled)
-        status = os.waitpid(pid, 0)[1]
-        if not os.WIFSTOPPED(status):
-            break
-        signalled = 0 if status >> 8 in (SYSTEM_CALL, EXIT) else os.WSTOPSIG(status)
-        with open(f"/proc/{pid}/cmdline", "rb") as line:
-            shown = secret in line.read()
-        seen |= shown
-        if shown and log.exists():
-            found.add("command line")
-        if status >> 8 == EXIT and any(secret in part for part in memory(pid)):
-            found.add("memory")
-        elif status >> 8 == SYSTEM_CALL and ptrace(PEEKUSER, pid, NUMBER, None) == PRCTL:
-            ptrace(POKEUSER, pid, NUMBER, GETPID)  # the user himself could not look at it after it
-    if not seen:
-        found.add("nowhere, not even at the start: the test is blind")
+    pid, own = process.pid, pathlib.Path(f"/proc/{process.pid}")
+    status = os.waitpid(pid, 0)[1]  # before its first instruction
+    ptrace(SETOPTIONS, pid, None, TRACEEXIT)
+    seen = secret in (own / "cmdline").read_bytes()
+    found = set() if seen else {"nowhere, not even at the start: the test is blind"}
+    # Opened now: soon the program keeps its memory from being looked at.
+    with open(own / "maps") as maps, open(own / "mem", "rb", 0) as memory:
+        while os.WIFSTOPPED(status):
+            if log.exists() and secret in (own / "cmdline").read_bytes():
+                found.add("command line")
+            if status >> 16 == EXIT and any(secret in part for part in writable(maps, memory)):
+                found.add("memory")
+            signalled = os.WSTOPSIG(status)
+            ptrace(SYSCALL, pid, None, signalled if signalled != signal.SIGTRAP else 0)
+            status = os.waitpid(pid, 0)[1]
     return found | {file.name for file in (printed, *log.rglob("*")) if secret in file.read_bytes()}
 
 
@@ -68,20 +61,20 @@ def dumps_core(setting, command):
         f"ulimit -c unlimited; strace -e inject=write:signal=QUIT {command} 2>&1 || true")
 
 
-with Setting() as place:
-    long_pin = "long-" * 12 + "pin."
-    tokens = ((place.token_with_key("Short"), PIN),
-              (place.bash(f"new_token Long {long_pin}"), long_pin))
-    kept = place.objects("Short")[0].count("always sensitive, never extractable")
-    check(kept == 2, "private keys that the token would let out")
-    for serial, pin in tokens:
-        for password in (pin, pin[:-1] + "x"):
-            for words in ("key create {} ds kep new.zip", "key test-access {}", "key test-valid {}",
-                          "key test-sign {}", "key test-all {}", "sign crt-info {}",
-                          "sign export-crt {} new.crt", "sign create-ext {} ds.pem new.p7s",
-                          "key delete {}"):
-                command = [PROGRAM, *words.format(f"{serial} {password}").split()]
-                places = watch(place, password, command)
-                check(not places, *command, "leaves the password in:", *sorted(places))
-    check(not dumps_core(place, f"{PROGRAM} key test-valid x {PIN}"), "a core dump")
-    end("secrets:" if dumps_core(place, "date") else "secrets, but no core dumps on this machine:")
+place = Setting()
+long_pin = "long-" * 12 + "pin."
+tokens = ((place.token_with_key("Short"), PIN),
+          (place.bash(f"new_token Long {long_pin}"), long_pin))
+kept = place.objects("Short")[0].count("always sensitive, never extractable")
+check(kept == 2, "private keys that the token would let out")
+for serial, pin in tokens:
+    for password in (pin, pin[:-1] + "x"):
+        for words in ("key create {} ds kep new.zip", "key test-access {}", "key test-valid {}",
+                      "key test-sign {}", "key test-all {}", "sign crt-info {}",
+                      "sign export-crt {} new.crt", "sign create-ext {} ds.pem new.p7s",
+                      "key delete {}"):
+            command = [PROGRAM, *words.format(f"{serial} {password}").split()]
+            places = watch(place, password, command)
+            check(not places, *command, "leaves the password in:", *sorted(places))
+check(not dumps_core(place, f"{PROGRAM} key test-valid x {PIN}"), "a core dump")
+end("secrets:" if dumps_core(place, "date") else "secrets, but no core dumps on this machine:")

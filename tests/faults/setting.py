@@ -4,10 +4,10 @@ import collections
 import os
 import pathlib
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
+import traceback
 
 PROGRAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "velmora"
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -29,7 +29,7 @@ def check(holds, *what):
     counts["checks"] += 1
     if not holds:
         counts["failures"] += 1
-        print("FAILED:", *what, flush=True)
+        print("FAILED:", *what, *traceback.format_stack()[:-1], flush=True)
 
 
 def end(*figures):
@@ -46,22 +46,17 @@ def verdicts(passed):
 
 
 class Setting:
-    """Every test makes one; the folder goes with it."""
+    """Every test makes one; its folder goes with it."""
 
     def __init__(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velmora-faults."))
+        self.kept = tempfile.TemporaryDirectory("", "velmora-faults.", ignore_cleanup_errors=True)
+        self.folder = pathlib.Path(self.kept.name)
         self.env = dict(os.environ, HOME=f"{self.folder}", LOG2_DIR=f"{self.folder}/log",
                         GNUTLS_PIN=PIN, LC_ALL="C")
         self.how = {"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
                     "capture_output": True}
         exported = self.bash('private_softhsm "$PWD"; env -0').split("\0")
         self.env.update(each.split("=", 1) for each in exported if each)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        shutil.rmtree(self.folder, ignore_errors=True)
 
     def bash(self, script):
         """What a script prints, with the functions of scripts/token.sh; it has to succeed."""
@@ -70,7 +65,7 @@ class Setting:
         return ended.stdout.strip()
 
     def run(self, *words, wrapper=(), **options):
-        """Runs the program; a run that hangs ends the test. Without its log if env says so."""
+        """Runs the program; a run that hangs ends the test."""
         return subprocess.run([*wrapper, PROGRAM, *words], timeout=120, **{**self.how, **options})
 
     def answer(self, *words, **options):
@@ -82,21 +77,44 @@ class Setting:
         as_told = ended.returncode == status and not ended.stderr
         return text if as_told else f"<{text}> status {ended.returncode} {ended.stderr}"
 
+    def logged(self, *words, **options):
+        """The same, and what the run logs."""
+        log = self.folder / "log/velmora.log"
+        log.unlink(missing_ok=True)
+        answer = self.answer(*words, **options)
+        return answer, log.read_text("latin-1") if log.exists() else ""
+
+    def traced(self, *options):
+        """A wrapper that writes a run's system calls to the file trace."""
+        # Without the prctl that keeps the program's files from being looked at, and without the
+        # sanitizer's search for leaks, which excludes another tracer.
+        return ("env", f"ASAN_OPTIONS={self.env['ASAN_OPTIONS']}:detect_leaks=0", "strace",
+                "-fqqyo", self.folder / "trace", "-e", "inject=prctl:retval=0", *options)
+
+    def system_calls(self):
+        """Those of the traced run: name, number among those of that name, arguments and result."""
+        seen, trace = collections.Counter(), (self.folder / "trace").read_text()
+        for name, rest in re.findall(rf"^{trace.split()[0]} +(\w+)\((.*)", trace, re.M):
+            seen[name] += 1
+            yield name, seen[name], rest
+
     def token(self, label):
         """A new empty token's serial."""
         return self.bash(f'new_token "{label}" {PIN}')
 
-    def certify(self, serial):
-        """Has both requests in req.zip certified, also on the token; ds.pem is for signatures."""
-        self.bash(f"unzip -qo req.zip; certify {serial} {PIN} ''")
-
     def token_with_key(self, label):
-        """The serial of a new token with a certified key."""
+        """The serial of a new token with a certified key; ds.crt is its certificate for signatures,
+        and data a file to sign."""
         serial = self.token(label)
         made = self.answer("key", "create", serial, PIN, "ds", "kep", "req.zip")
         assert made == "DONE", made
         self.certify(serial)
+        self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt; cp ca.pem data")
         return serial
+
+    def certify(self, serial):
+        """Has both requests in req.zip certified, also on the token; ds.pem is for signatures."""
+        self.bash(f"unzip -qo req.zip; certify {serial} {PIN} ''")
 
     def objects(self, label):
         """The objects on a token, as another tool shows them, and how many there are of a kind."""
