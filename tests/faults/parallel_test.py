@@ -38,16 +38,15 @@ def sign(serial):
     check(right, "signatures:", said, verified, "files verify")
 
 
-def stopped(serial):
-    """The number of a process that has stopped with the token locked."""
-    trace, locked = place.folder / "trace", r"/dev/null>, F_OFD_SETLK, \{l_type=F_WRLCK.* = 0"
+def stopped(command, lock):
+    """The number of a process that has stopped with its first lock of the kind."""
+    trace, locked = place.folder / "trace", rf"/dev/null>, F_OFD_SETLK, \{{l_type={lock}.* = 0"
     while True:  # whoever has to wait for another one makes more calls
-        place.answer(*key("test-valid", serial), wrapper=place.traced())
-        login = next(i for _, i, rest in place.system_calls() if re.search(locked, rest))
-        stop = place.traced("-e", f"inject=fcntl:signal=STOP:when={login}")
+        place.answer(*command, wrapper=place.traced())
+        when = next(i for _, i, rest in place.system_calls() if re.search(locked, rest))
+        stop = place.traced("-e", f"inject=fcntl:signal=STOP:when={when}")
         trace.write_text("")
-        command = [*stop, PROGRAM, *key("test-valid", serial)]
-        started = subprocess.Popen(command, stdout=subprocess.DEVNULL, **how)
+        started = subprocess.Popen([*stop, PROGRAM, *command], stdout=subprocess.DEVNULL, **how)
         while "stopped by SIGSTOP" not in trace.read_text() and started.poll() is None:
             time.sleep(0.01)
         process = int(trace.read_text().split()[0])
@@ -57,15 +56,16 @@ def stopped(serial):
             os.kill(process, signal.SIGKILL)
 
 
-def hang(serial, other):
-    """A process that hangs at its token is waited for, but not for long by those at another one."""
-    process, begun = stopped(serial), time.monotonic()
+def hang(command, lock, other):
+    """A process that hangs is waited for, but not for long by those at another token."""
+    process, begun = stopped(command, lock), time.monotonic()
+    signing = ["sign", "create-ext", other, PIN, "data"]
     said = at_once(0, [["media", "list", other], key("test-access", other),
-                       ["sign", "create-ext", other, PIN, "data", "it"]])
+                       *([*signing, f"{each}.p7s"] for each in range(16))])
     took = time.monotonic() - begun
     os.kill(process, signal.SIGKILL)
-    right = {("list", other): 1, ("test-access", "PASSED"): 1, ("create-ext", "DONE"): 1}
-    check(said == right and 4 < took < 20, "beside one that hangs:", said, "after", took)
+    right = {("list", other): 1, ("test-access", "PASSED"): 1, ("create-ext", "DONE"): 16}
+    check(said == right and 4 < took < 20, "beside", command, "that hangs:", said, "after", took)
 
 
 def change(serial, rounds):
@@ -95,6 +95,7 @@ def change(serial, rounds):
 
 alice = place.token_with_key("Alice")
 sign(alice)
-hang(place.token_with_key("Carol"), alice)
+hang(key("test-valid", place.token_with_key("Carol")), "F_WRLCK", alice)
+hang(["media", "list"], "F_RDLCK", alice)
 change(place.token("Bob"), 16)
 end("parallel:")

@@ -20,13 +20,14 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::microseconds;
 
-// The ranges in use: every module has one for the states of its tokens, each of which has one in
-// it; behind them stand the numbers of those whose keys are made. A state is held from the start of
-// its range, as many numbers as the holder's process number says: whoever waits sees by the length
-// that one holder has followed another.
+// The ranges in use: every module has one against the lists of its tokens and one for those at its
+// tokens, and each token has one in either; behind them stand the numbers of those whose keys are
+// made. A range is held from its start, as many numbers as the holder's process number says:
+// whoever waits sees by the length that one holder has followed another.
 constexpr off_t a_token = off_t{1} << 16;
 constexpr off_t all_tokens = off_t{1} << 40;
-constexpr off_t a_module = off_t{1} << 41;
+constexpr off_t own_states = off_t{1} << 41;
+constexpr off_t a_module = off_t{1} << 42;
 constexpr off_t states_start = off_t{1} << 60;
 constexpr off_t keys_start = off_t{1} << 61;
 
@@ -41,7 +42,7 @@ off_t statesOf(CK_FUNCTION_LIST* module) {
     struct stat file {};
     const bool known = ::dladdr(reinterpret_cast<void*>(module->C_GetFunctionList), &code) != 0 &&
                        ::stat(code.dli_fname, &file) == 0;
-    const auto number = known ? static_cast<off_t>(file.st_ino & 0x7FFFF) : 0;
+    const auto number = known ? static_cast<off_t>(file.st_ino & 0x3FFFF) : 0;
     return states_start + number * a_module;
 }
 
@@ -99,15 +100,21 @@ range_lock::range range_lock::blockedBy(short type, range wanted) const {
 }
 
 state_lock::state_lock(CK_FUNCTION_LIST* module) {
-    take(F_RDLCK, {statesOf(module), all_tokens + ownLength()});
+    take(F_RDLCK, {statesOf(module), all_tokens + ownLength()}, 5s);
 }
 
 state_lock::state_lock(purpose use, CK_FUNCTION_LIST* module, const std::string& serial) {
-    const short type = use == purpose::writing ? F_WRLCK : F_RDLCK;
-    take(type, {stateOf(module, serial), 1 + ownLength()});
+    const range_lock::range listed{stateOf(module, serial), 1 + ownLength()};
+    if (use == purpose::writing) {
+        take(F_WRLCK, listed, 5s);
+    }
+    take(
+        use == purpose::writing ? F_WRLCK : F_RDLCK,
+        {listed.start + own_states, listed.length},
+        30s);
 }
 
-void state_lock::take(short type, range_lock::range wanted) {
+void state_lock::take(short type, range_lock::range wanted, microseconds patience) {
     static range_lock::range holder{}; // the last one that stood in the way,
     static microseconds waited = 0us;  // and how long it has, of this process's time in all
     steps waiting(1ms, 120s);
@@ -120,24 +127,27 @@ void state_lock::take(short type, range_lock::range wanted) {
             holder = held;
             waited = 0us;
         }
-        const bool same = std::max(held.length, wanted.length) <= a_token;
-        const microseconds slept = waited < (same ? 30s : 5s) ? waiting.next() : 0us;
+        const microseconds slept = waited < patience ? waiting.next() : 0us;
         if (slept == 0us) {
-            return takeAround(held, type, wanted);
+            return takeAround(held, type, wanted, patience);
         }
         waited += slept;
     }
 }
 
 // What of a range nobody holds, if anything.
-void state_lock::takeAround(range_lock::range held, short type, range_lock::range wanted) {
+void state_lock::takeAround(
+    range_lock::range held,
+    short type,
+    range_lock::range wanted,
+    microseconds patience) {
     const off_t end = wanted.start + wanted.length;
     const off_t heldEnd = held.start + std::max(held.length, a_token);
     if (wanted.start < held.start) {
-        take(type, {wanted.start, held.start - wanted.start});
+        take(type, {wanted.start, held.start - wanted.start}, patience);
     }
     if (heldEnd < end) {
-        take(type, {heldEnd, end - heldEnd});
+        take(type, {heldEnd, end - heldEnd}, patience);
     }
 }
 

@@ -37,9 +37,10 @@ private:
 // Held while a module reads the state of its tokens, or may rewrite that of one. A software token's
 // module keeps it in a file, which a login rewrites: for a moment it is empty, and whoever reads it
 // then takes the token for absent. Many read at once; one writes alone. Logins on different tokens
-// do not meet. Another process that hangs is waited for 30 seconds if it is at the same token, 5 if
-// it is at another one or at the list of a module's tokens; any number that follow one another, two
-// minutes.
+// do not meet. Another process that hangs is waited for: 30 seconds by a login at the same token, 5
+// by a login while tokens are listed, and by a list; any number that follow one another, two
+// minutes. Then the work goes on beside it, but those at one token still take turns when it is a
+// list that hangs.
 class state_lock {
 public:
     // To read the state of all the module's tokens.
@@ -50,8 +51,12 @@ public:
     state_lock(purpose use, CK_FUNCTION_LIST* module, const std::string& serial);
 
 private:
-    void take(short type, range_lock::range wanted);
-    void takeAround(range_lock::range held, short type, range_lock::range wanted);
+    void take(short type, range_lock::range wanted, std::chrono::microseconds patience);
+    void takeAround(
+        range_lock::range held,
+        short type,
+        range_lock::range wanted,
+        std::chrono::microseconds patience);
 
     range_lock lock;
 };
