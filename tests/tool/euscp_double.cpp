@@ -13,6 +13,7 @@
 #include <EUSignCP.h>
 
 #include <algorithm>
+#include <concepts>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -83,7 +84,7 @@ std::vector<std::string> mediaType(DWORD index) {
     return split(type, ',');
 }
 
-std::string show(unsigned long value) { return std::to_string(value); }
+std::string show(std::integral auto value) { return std::to_string(value); }
 std::string show(const std::string& shown) { return shown; }
 std::string show(const char* text) { return text ? "\"" + std::string{text} + "\"" : "null"; }
 std::string show(const void* place) { return given.look(place); }
