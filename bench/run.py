@@ -192,20 +192,20 @@ def main():
 
     large, largest = (64 * MIB, 256 * MIB) if chosen.quick else (GIB, 2 * GIB)
     runs = chosen.runs or (10 if chosen.quick else 100)
-    with Setting() as setting:
-        os.chdir(setting.folder)
-        if shutil.disk_usage(".").free < 2 * largest:
-            raise Failed(f"{size(2 * largest)} needed in {setting.folder.parent}; see TMPDIR")
-        loads = [os.getloadavg()[0]]
-        benchmark = Benchmark(setting, runs, large, largest)
-        benchmark.works()
-        benchmark.instructions()
-        benchmark.growth_with_size()
-        benchmark.two_at_once()
-        benchmark.generation()
-        benchmark.calls_to_the_token()
-        benchmark.growth_with_tokens()
-        os.chdir("/")
+    setting = Setting()
+    os.chdir(setting.folder)
+    if shutil.disk_usage(".").free < 2 * largest:
+        raise Failed(f"{size(2 * largest)} needed in {setting.folder.parent}; see TMPDIR")
+    loads = [os.getloadavg()[0]]
+    benchmark = Benchmark(setting, runs, large, largest)
+    benchmark.works()
+    benchmark.instructions()
+    benchmark.growth_with_size()
+    benchmark.two_at_once()
+    benchmark.generation()
+    benchmark.calls_to_the_token()
+    benchmark.growth_with_tokens()
+    os.chdir("/")
     loads.append(os.getloadavg()[0])
     cpu = pathlib.Path("/proc/cpuinfo").read_text().partition("model name\t: ")[2].split("\n")[0]
     about = (f"{time.strftime('%F %T %Z')}; {cpu}, {os.cpu_count()} cores, Linux"

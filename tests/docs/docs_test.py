@@ -57,8 +57,8 @@ def completions(setting, serial):
         check(told == shown, "completion of", repr(typed), "is", repr(told))
 
 
-with Setting() as setting:
-    manual_page()
-    codes()
-    completions(setting, setting.bash(f"new_token Alice {PIN}"))
+manual_page()
+codes()
+place = Setting()
+completions(place, place.token("Alice"))
 end()

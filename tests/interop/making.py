@@ -1,7 +1,6 @@
 """A place where the built program verifies what OpenSSL makes there: certificates, and signatures
 that are edited afterwards."""
 
-import atexit
 import os
 import pathlib
 import sys
@@ -11,7 +10,6 @@ from der import Element, build, parse  # noqa: E402
 from setting import Setting  # noqa: E402
 
 setting = Setting()
-atexit.register(setting.__exit__)  # gpg-agent ends with its folder
 os.chdir(setting.folder)
 ISSUE = """
 ec=ec,ec_paramgen_curve
