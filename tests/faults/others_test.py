@@ -80,26 +80,34 @@ got, log = meanwhile("sign create-ext", ("data", "shared/it"), "read:delay_enter
                      lambda: setting.bash("echo more >>data"))
 check(got == "FAIL" and "changed while" in log, got, log)
 
+setting.bash("rm -rf shared/*; echo >shared/a; ln shared/a shared/it; chown 23456 shared")
+setting.bash("chmod 755 shared")  # a third user's folder, whose owner may have given it names
+got, log = run("sign export-crt", ["shared/it"])
+check(got == "FAIL" and "a file with other names in a shared folder" in log, got, log)
+
 # The log: what is planted is neither written to nor turned over, and the command goes on. What
 # is there, made by whom; the folder's mode and owner; whether that becomes the log.
 setting.env["LOG2_DIR"] = shared
-chain = "n=velmora.log; for i in {}; do ln -s $i $n; n=$i; done"
+chain = "n=velmora.log; for i in 2 3 4 5 6 7 8 9 ../own; do ln -s $i $n; n=$i; done"
 by_other, by_self, twice = " ".join(OTHER), "", "echo >a; ln a velmora.log"
 for what, by, mode, owner, ours in (
         ("echo >velmora.log", by_self, 1777, 0, True), (twice, by_self, 1777, 0, False),
         (twice, by_self, 755, 0, True), ("echo >velmora.log", by_other, 1777, 0, False),
-        ("echo >velmora.log", by_other, 777, 0, True), (twice, by_other, 777, 0, False),
+        ("echo >velmora.log", by_other, 777, 0, True),
         ("echo >velmora.log", by_other, 755, 0, True),
         ("echo >velmora.log", by_other, 1777, 23456, True),
         ("ln -s ../own velmora.log", by_other, 755, 0, False),
         ("ln -s ../own velmora.log", by_other, 755, 23456, True),
         ("ln -s ../own velmora.log", by_other, 1777, 0, False),
-        (chain.format("2 3 4 5 6 7 8 ../own"), by_self, 755, 0, True),
-        (chain.format("2 3 4 5 6 7 8 9 ../own"), by_self, 755, 0, False),
+        (chain, by_self, 755, 0, False),
         ("truncate -s 8M velmora.log; mkdir velmora.log.1", by_other, 777, 0, False)):
     setting.bash(f"""rm -rf shared; mkdir -m 777 shared; echo >own; cd shared; umask 0
         {by} sh -c '{what}'; chown {owner} .; chmod {mode} .""")
     got, log = setting.answer("media", "list", serial), shared / "velmora.log"
     text = (folder / "own" if log.is_symlink() else log).read_text()
     check(got == serial and ("mediaList" in text) == ours, what, by, mode, owner, text[-200:])
+
+setting.env["LOG2_DIR"] = made = shared / "made"
+setting.bash(f"chmod 1777 shared; {by_other} mkdir -m 777 shared/made")
+check(setting.answer("media", "list", serial) == serial and not [*made.iterdir()], "their folder")
 end("others:")

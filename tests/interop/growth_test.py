@@ -45,7 +45,6 @@ def signers(n):
 ESS_V1 = "1.2.840.113549.1.9.16.2.12"
 identifier = build(sequence(Element(4, bytes(20))))
 HOSTILE = {  # the signature, of up to 32 MiB, and the certificate; made where that costs nothing
-    "nothing": lambda: (good, certificate),
     "unsigned": lambda: (unsigned(1400000), certificate),
     "certificates": lambda: (edited(good, lambda data, _: data.inside.insert(-1, Element(
         0xA0, points(500) * 800))), certificate),

@@ -26,9 +26,6 @@ again() { # NAME ISSUER: a certificate of the name, the key and the number that 
         -set_serial 0x$(openssl x509 -in ec.pem -noout -serial | cut -d= -f2)
 }
 again renewed ca; again namesake between
-openssl req -x509 -key rsa.key -out stamp.pem -subj /CN=stamp \\
-    -addext extendedKeyUsage=critical,timeStamping
-printf '[ts]\\nserial=n\\ndefault_policy=1.2.3\\ndigests=sha256\\nsigner_digest=sha256\\n' >ts.cnf
 cat between.pem ca.pem >chain.pem
 openssl pkcs12 -export -legacy -in rsa.pem -inkey rsa.key -certfile chain.pem -passout pass:x \\
     -name rsa -out rsa.p12
@@ -47,16 +44,8 @@ AS_OWN = "-cades -nocerts -nosmimecap"  # as velmora signs
 PSS = "-keyopt rsa_padding_mode:pss "
 RSA, EC, PKCS9 = "1.2.840.113549.1.1.", "1.2.840.10045.", "1.2.840.113549.1.9."
 SHA1, SHA512, NIST = "1.3.14.3.2.26", "2.16.840.1.101.3.4.2.3", "2.16.840.1.101.3.4."
-CONTENT, DIGEST, TIME, ESS, ESS_V2, STAMP = (
-    PKCS9 + each for each in ("3", "4", "5", "16.2.12", "16.2.47", "16.2.14"))
-
-
-def stamp():
-    """A time stamp of the signature's value."""
-    pathlib.Path("value").write_bytes(parse(cades)[0][1][0][-1][0][5].inside)
-    return parse(made("openssl ts -query -data value -sha256 -cert -out query; openssl ts -reply"
-                      " -config ts.cnf -section ts -queryfile query -signer stamp.pem"
-                      " -inkey rsa.key -token_out -out made"))[0]
+CONTENT, DIGEST, TIME, ESS, ESS_V2 = (
+    PKCS9 + each for each in ("3", "4", "5", "16.2.12", "16.2.47"))
 
 
 def clutter(data, signer):
@@ -64,7 +53,7 @@ def clutter(data, signer):
     data[1].inside.clear()
     data.inside[3:4] = element(0xA0, octets), element(0xA1, octets)
     signer.inside.append(element(0xA1, attribute("1.2.3"), attribute("1.2.3"),
-                                 attribute(DIGEST, octets), attribute(STAMP, stamp())))
+                                 attribute(DIGEST, octets)))
 
 
 def put(signature, value, *path):
@@ -85,12 +74,11 @@ def issued(*names, serial=None):
     return sequence(sequence(*names), serial or number)
 
 
-def in_key(name, at, change):
-    """A certificate with another byte in its key, at a place from the end."""
+def in_key(name, change):
+    """A certificate with another last byte in its key."""
     certificate = parse(der[name])[0]
-    key = bytearray(certificate[0][6][1].inside)
-    key[at] ^= change
-    certificate[0][6][1].inside = bytes(key)
+    *rest, last = certificate[0][6][1].inside
+    certificate[0][6][1].inside = bytes([*rest, last ^ change])
     return build(certificate)
 
 
@@ -138,12 +126,10 @@ ca, uri, one = element(0xA4, parse(der["ca"])[0][0][3]), Element(0x86, b"uri"), 
 early, last, late = (Element(23 + (len(each) > 13), each) for each in (
     b"500101000000Z", b"491231235958Z", b"20991231000000Z"))
 extras = [attribute(f"1.2.3.{i}", octets) for i in range(61)]  # 64 attributes with the usual three
-pathlib.Path("longer").write_bytes(build(element(0x31, *extras)) + b"x")
 
 TIMED, NO_TIME = "signed-at:<20", "time-avali:no"
 ACCEPTED = [  # a row may have several particulars
     (NO_TIME, openssl("-noattr"), "rsa"),
-    (NO_TIME, openssl("-noattr", data="longer"), "rsa", "longer"),  # than attributes
     (TIMED, ec, "renewed"),
     (TIMED, openssl("-md sha384 -certfile chain.pem", "p384"), line),
     (TIMED, openssl("-md sha512 -keyid", "p521"), "p521"),
@@ -167,8 +153,6 @@ ACCEPTED = [  # a row may have several particulars
     (TIMED, pem(edited(cades, clutter), "PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
     (TIMED, pem(edited(plain, lambda *_: None, "long"), around=b"text"), "rsa"),
     (TIMED, edited(plain, lambda *_: None, "indefinite"), "rsa"),
-    (TIMED, edited(listless, lambda data, _: data.inside.insert(3, element(0xA0, octets))), "ec"),
-    (TIMED, edited(listless, lambda data, _: data.inside.insert(3, element(0xA1, octets))), "ec"),
     (TIMED, edited(listless, lambda _, signer: signer.inside.append(element(0xA1, octets))), "ec"),
     (TIMED, put(cades, oid(RSA + "11"), 4, 0), pem(octets.inside, "X509 CRL") + pem(
         der["rsa"], "X509 CERTIFICATE", 76, end=b" \r\n") + pem(der["ec"], "CERTIFICATE")),
@@ -190,7 +174,6 @@ REFUSED = [
     ("another certificate of its owner", signed(ess([foreign], [sha256])), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(ca)])), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(issuer, serial=one)])), "rsa"),
-    ("another certificate of its owner", signed(ess([sha256, issued(issuer, issuer)])), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(uri)])), "rsa"),
     ("SHA-1, which is no longer safe", openssl("-md sha1"), "rsa"),
     ("MD5, which is no longer safe", openssl("-md md5"), "rsa"),
@@ -202,10 +185,8 @@ REFUSED = [
     ("neither RSA nor on the curve", openssl(by="explicit"), "explicit"),
     ("neither RSA nor on the curve", rsa, "edwards"),
     ("less than 2048 bits", openssl(by="short"), "short"),
-    ("unsound", rsa, in_key("rsa", -1, 1)),  # the exponent even
-    ("unsound", rsa, in_key("three", -1, 2)),  # the exponent 1
-    ("unsound", rsa, in_key("rsa", -6, 1)),  # the modulus even
-    ("unsound", ec, in_key("ec", -1, 1)),
+    ("unsound", rsa, in_key("three", 2)),  # the exponent 1
+    ("unsound", ec, in_key("ec", 1)),
     ("not meant for signing", rsa, "agreement"),
     ("not meant for signing", rsa, der["rsa"].replace(key_identifier, key_usage)),
     ("the certificate is malformed", rsa, der["rsa"] + b"\0"),
@@ -215,21 +196,15 @@ REFUSED = [
     ("no CMS", rsa + b"\0", "rsa"),
     ("no CMS", rsa.replace(oid(RSA[:-2] + "7.2").inside, oid(RSA[:-2] + "7.5").inside), "rsa"),
     ("no CMS", pem(rsa)[:-18], "rsa"),
-    ("no CMS", pem(rsa).replace(b"CMS-----", b"CMS=====", 1), "rsa"),
     ("no CMS", listless, "ec"),
-    ("no CMS", put(openssl(AS_OWN), oid(RSA + "11"), 4, 0), "rsa"),
     ("no CMS", edited(own, lambda data, _: data[1].inside.append(data[1][0])), "ec"),
     ("no CMS", put(own, build(parse(own)[0][1][0][-1][0][1][0], "long"), 1, 0), "ec"),
     ("nobody signed", edited(rsa, lambda data, _: data[-1].inside.clear()), "rsa"),
     ("RSASSA-PSS are malformed or name several digests", put(pss, Element(5, b""), 4, 1), "rsa"),
     ("several digests", openssl(PSS + "-keyopt rsa_mgf1_md:sha512"), "rsa"),
-    ("several digests", put(pss, oid(SHA512), 4, 1, 0, 0, 0), "rsa"),
-    ("RSASSA-PSS are malformed", put(pss, oid("1.2.3"), 4, 1, 1, 0, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, Element(2, b"\xFE"), 4, 1, 2, 0), "rsa"),
-    ("RSASSA-PSS are malformed", put(pss, Element(2, b"\x08\x01"), 4, 1, 2, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, element(0xA3, Element(2, b"\2")), 4, 1, 2), "rsa"),
     ("two different digests", put(rsa, oid(RSA + "13"), 4, 0), "rsa"),
-    ("not one of the certificate's key", put(ec, oid(RSA + "10"), 4, 0), "ec"),
     ("not one of the certificate's key", put(ec, oid(RSA + "11"), 4, 0), "ec"),
     ("not one of the certificate's key", put(rsa, octets, 4, 1), "rsa"),
     ("in the order of DER", edited(cades, lambda _, signer: signer[3].inside.reverse()), "rsa"),
@@ -239,7 +214,6 @@ REFUSED = [
     ("is missing", signed(attribute(DIGEST)), "rsa"),
     ("is malformed, or there are more than 64", signed(attribute(ESS_V2), *extras), "rsa"),
     ("is malformed", signed(attribute(CONTENT, octets)), "rsa"),
-    ("is malformed", signed(attribute(TIME, octets)), "rsa"),
     ("is malformed", signed(attribute(TIME, Element(23, b"tomorrow"))), "rsa"),
     ("is malformed", signed(ess()), "rsa"),
     ("outside the certificate's validity", signed(attribute(TIME, late)), "rsa"),
