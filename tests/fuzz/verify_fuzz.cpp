@@ -24,7 +24,7 @@ struct element {
 using elements = std::vector<element>;
 
 // Takes the elements off an encoding, up to its end or to the mark of it.
-elements parsed(view& encoding, bool marked = false) {
+elements parsed(view& encoding, bool marked) {
     elements all;
     while (!encoding.empty()) {
         const auto* start = reinterpret_cast<const unsigned char*>(encoding.data());
@@ -53,6 +53,8 @@ elements parsed(view& encoding, bool marked = false) {
     return all;
 }
 
+elements parsed(view encoding) { return parsed(encoding, false); }
+
 text built(const elements& all) {
     text out;
     for (const auto& [tag, bytes, inside, marked] : all) {
@@ -79,21 +81,10 @@ std::vector<place> places(elements& in, std::size_t deepest) {
     return all;
 }
 
-text bytesIn(const element& outer) {
-    text all = outer.bytes;
-    for (const auto& each : outer.inside) { all += bytesIn(each); }
-    return all;
-}
-
-// What the signed attributes tell, of each signer.
-std::vector<text> told(view message) {
-    std::vector<text> all;
-    const auto data = parsed(message).at(0).inside.at(1).inside.at(0).inside;
-    for (const auto& signer : data.at(data.size() - 1).inside) {
-        for (const auto& each : signer.inside) {
-            if (each.tag == '\xA0') { all.push_back(bytesIn(each)); }
-        }
-    }
+// What stands in elements, however it is encoded.
+text bytesIn(const elements& outer) {
+    text all;
+    for (const auto& each : outer) { all += each.bytes + bytesIn(each.inside); }
     return all;
 }
 
@@ -116,9 +107,9 @@ void check(const triple& parts, bool good = false) {
     if (made::verify(of, signature, with) != 0) { return require(!good); }
     auto characters = with;
     std::erase_if(characters, [](char each) { return " \t\r\n"sv.find(each) != view::npos; });
-    const auto all = told(signature);
+    const auto told = bytesIn(parsed(signature));
     require(of == data && std::ranges::any_of(seeds, [&](const seed& each) {
-        return std::ranges::find(all, each.attributes) != all.end() &&
+        return told.find(each.attributes) != text::npos &&
                (with == each.der || characters.find(each.base64) != text::npos);
     }));
 }
@@ -126,18 +117,19 @@ void check(const triple& parts, bool good = false) {
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    auto kinds = made::kinds();
-    kinds.pop_back(); // tied to its certificate by nothing
-    const auto textOf = [](const made::bytes& bytes) { return text(bytes.begin(), bytes.end()); };
-    const auto parse = [](view encoding) { return parsed(encoding); };
-    for (const auto& [key, certificate, signature, own] : kinds) {
-        const auto der = textOf(made::der(certificate)), pem = textOf(made::pem(certificate));
-        auto base64 = pem.substr(27, pem.size() - 53); // between its labels
-        std::erase(base64, '\n');
-        const auto message = textOf(signature);
+    for (const auto& [key, certificate, signature] : made::kinds()) {
+        const auto bytes = made::der(certificate);
+        made::bytes encoded(bytes.size() * 2);
+        const auto length =
+            EVP_EncodeBlock(encoded.data(), bytes.data(), static_cast<int>(bytes.size()));
+        const text der(bytes.begin(), bytes.end()),
+            base64(encoded.begin(), encoded.begin() + length);
+        const auto pem = "-----BEGIN CERTIFICATE-----\n" + base64 + "\n-----END CERTIFICATE-----\n";
+        const auto message = parsed(text(signature.begin(), signature.end()));
+        const auto signer = message[0].inside[1].inside[0].inside.back().inside[0];
         for (const auto& form : {der, pem}) {
-            seeds.push_back(
-                {{parse(data), parse(message), parse(form)}, told(message).at(0), der, base64});
+            seeds.push_back({{parsed(data), message, parsed(form)},
+                bytesIn(signer.inside[3].inside), der, base64});
             check(seeds.back().parts, true);
         }
     }

@@ -8,7 +8,6 @@
 #include <memory>
 #include <openssl/cms.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -37,14 +36,6 @@ bytes der(T* object, Encode encode) {
 }
 
 inline bytes der(const certificate& object) { return der(object.get(), i2d_X509); }
-
-inline bytes pem(const certificate& object) {
-    const std::unique_ptr<BIO, freed<BIO_free>> written(BIO_new(BIO_s_mem()));
-    PEM_write_bio_X509(written.get(), object.get());
-    char* start = nullptr;
-    const long size = BIO_get_mem_data(written.get(), &start);
-    return {start, start + size};
-}
 
 inline EVP_PKEY* p256() { return EVP_EC_gen("P-256"); }
 
@@ -77,7 +68,7 @@ inline const bytes data{'c', 'o', 'n', 't', 'r', 'a', 'c', 't'};
 
 struct kind {
     kind(EVP_PKEY* owned, unsigned flags, bool pss = false)
-        : key(owned), certificate(issue(owned)), own(flags == as_velmora) {
+        : key(owned), certificate(issue(owned)) {
         flags |= CMS_BINARY | CMS_PARTIAL | CMS_DETACHED;
         const message made(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
         CMS_SignerInfo* signer = CMS_add1_signer(
@@ -92,22 +83,21 @@ struct kind {
         signature = der(made.get(), i2d_CMS_ContentInfo);
     }
 
-    static constexpr unsigned as_velmora = CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP;
-
     made::key key;
     made::certificate certificate;
     bytes signature;
-    bool own; // as the library makes it: nothing in it is free
 };
 
-// Signatures that name their certificate by its hash, but for the last.
+// Signatures that name their certificate by its hash: those as the library makes them, in which
+// nothing is free, and another one.
+constexpr std::size_t own_kinds = 3;
 inline std::vector<kind> kinds() {
+    constexpr auto own = CMS_CADES | CMS_NOCERTS | CMS_NOSMIMECAP;
     std::vector<kind> all;
-    all.emplace_back(p256(), kind::as_velmora);
-    all.emplace_back(EVP_RSA_gen(2048), kind::as_velmora);
-    all.emplace_back(EVP_RSA_gen(2048), kind::as_velmora, true);
+    all.emplace_back(p256(), own);
+    all.emplace_back(EVP_RSA_gen(2048), own);
+    all.emplace_back(EVP_RSA_gen(2048), own, true);
     all.emplace_back(p256(), CMS_CADES | CMS_USE_KEYID);
-    all.emplace_back(p256(), 0U);
     return all;
 }
 

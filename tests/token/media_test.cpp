@@ -2,7 +2,6 @@
 
 #include "medium.h"
 
-#include <chrono>
 #include <optional>
 #include <set>
 
@@ -10,7 +9,7 @@ namespace {
 
 using namespace made;
 
-const extensions documents{{NID_key_usage, "nonRepudiation"}},
+const extensions documents{{NID_key_usage, "nonRepudiation"}, {NID_basic_constraints, "CA:FALSE"}},
     other{{NID_key_usage, "keyAgreement"}}, none{},
     itself{{NID_ext_key_usage, "2.16.840.1.101.3.6.8"}},
     authority{{NID_basic_constraints, "CA:TRUE"}};
@@ -27,8 +26,8 @@ struct card_key {
 };
 
 // Puts a key on the token, and returns the best of its certificates, of more than 1 KiB.
-bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
-    const maintenance& on = maintenance()) {
+bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true) {
+    const maintenance on;
     made::key pair(EVP_EC_gen(with.curve));
     bytes point = der(pair.get(), i2d_PublicKey), best;
     for (; with.odd && (point[1] > 62 || point[2] != 4); point = der(pair.get(), i2d_PublicKey)) {
@@ -132,7 +131,7 @@ TEST(Cards, LoseTheKeyThatSigns) {
     cards = {{}};
 }
 
-TEST(Cards, AreReadOnceAndInProportion) {
+TEST(Cards, AreReadOnce) {
     empty();
     put({});
     EXPECT_EQ(list() + find(), EU_ERROR_NONE);
@@ -141,18 +140,6 @@ TEST(Cards, AreReadOnceAndInProportion) {
     EXPECT_EQ(std::pair(now.searches, now.logins), std::pair(1, 1));
     EXPECT_EQ(sign(nullptr, medium("123")), EU_ERROR_PASSWORD_LENGTH);
     EXPECT_EQ(now.logins, 1); // the card was not asked
-
-    token.forgets = true;
-    const maintenance with;
-    for (const auto& certificate : {std::optional(signing), {}}) {
-        for (CK_ULONG i = 1; i <= 1000; ++i) {
-            put({.certificate = certificate, .tells = {{CKA_PRIVATE, {0}}}}, i, true, with);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(find() + sign(), EU_ERROR_NONE);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    }
-    token = {};
 }
 
 using calls = std::vector<std::function<DWORD()>>;
@@ -174,10 +161,9 @@ certificate certify(const extensions& usage = signing) {
 constexpr std::size_t strangers = 3;
 certificate makeSigner(const extensions& usage = signing) {
     empty();
-    const maintenance with;
-    with.create(certificateOf(der(issue(key(p256()).get(), other))));
+    maintenance().create(certificateOf(der(issue(key(p256()).get(), other))));
     for (const bytes& id : {bytes(17, 1), bytes(18, 0)}) { // a KEP's, and one that is too long
-        put({.certificate = {}, .tells = {{CKA_ID, id}, {CKA_LABEL, {'D', 'S'}}}}, 0, false, with);
+        put({.certificate = {}, .tells = {{CKA_ID, id}, {CKA_LABEL, {'D', 'S'}}}}, 0, false);
     }
     return certify(usage);
 }
@@ -186,27 +172,23 @@ certificate makeSigner(const extensions& usage = signing) {
 TEST(Password, EachRefusalHasItsCode) {
     makeSigner();
     const opened_key key;
-    for (const auto& [expected, refusals] : std::map<DWORD, std::vector<CK_RV>>{
-             {EU_ERROR_PASSWORD_INCORRECT, {CKR_OK, CKR_PIN_INCORRECT}},
-             {EU_ERROR_PASSWORD_LOCKED, {CKR_PIN_LOCKED}},
-             {EU_ERROR_PASSWORD_LENGTH, {CKR_PIN_LEN_RANGE, CKR_ARGUMENTS_BAD, CKR_DATA_LEN_RANGE}},
-             {EU_ERROR_PASSWORD_EXPIRED, {CKR_PIN_EXPIRED}},
-             {EU_ERROR_PASSWORD_NOT_SET, {CKR_USER_PIN_NOT_INITIALIZED}},
-             {EU_ERROR_KEY_MEDIAS_ACCESS_FAILED, {CKR_SLOT_ID_INVALID, CKR_TOKEN_NOT_PRESENT,
-                                                     CKR_TOKEN_NOT_RECOGNIZED, CKR_DEVICE_REMOVED}},
-             {EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED, {CKR_TOKEN_WRITE_PROTECTED}},
-             {EU_ERROR_MEMORY, {CKR_HOST_MEMORY}},
-             {EU_ERROR_PKCS11 + CKR_USER_ALREADY_LOGGED_IN, {CKR_USER_ALREADY_LOGGED_IN}},
-             {EU_ERROR_PKCS11 + 0xFFF, {CKR_VENDOR_DEFINED + 17}}}) {
-        for (const auto& attempt : calls{[] { return sign(nullptr, wrong); },
-                 [] { return destroy(wrong); }, [] { return generate(wrong); }}) {
-            for (const CK_RV refusal : refusals) {
-                now = {.refusal = refusal};
-                EXPECT_EQ(attempt(), expected);
-                now = {};
-                EXPECT_EQ(key.sign(), EU_ERROR_NONE);
-            }
-        }
+    for (const auto& [refusal, expected] :
+        std::map<CK_RV, DWORD>{{CKR_OK, EU_ERROR_PASSWORD_INCORRECT}, // the token's own
+            {CKR_PIN_LOCKED, EU_ERROR_PASSWORD_LOCKED},
+            {CKR_ARGUMENTS_BAD, EU_ERROR_PASSWORD_LENGTH},
+            {CKR_DATA_LEN_RANGE, EU_ERROR_PASSWORD_LENGTH},
+            {CKR_PIN_EXPIRED, EU_ERROR_PASSWORD_EXPIRED},
+            {CKR_USER_PIN_NOT_INITIALIZED, EU_ERROR_PASSWORD_NOT_SET},
+            {CKR_DEVICE_REMOVED, EU_ERROR_KEY_MEDIAS_ACCESS_FAILED},
+            {CKR_TOKEN_WRITE_PROTECTED, EU_ERROR_KEY_MEDIAS_WRITE_PROTECTED},
+            {CKR_USER_ALREADY_LOGGED_IN, EU_ERROR_PKCS11 + CKR_USER_ALREADY_LOGGED_IN},
+            {CKR_VENDOR_DEFINED + 17, EU_ERROR_PKCS11 + 0xFFF}}) {
+        now = {.refusal = refusal};
+        EXPECT_EQ(sign(nullptr, wrong), expected);
+        EXPECT_EQ(destroy(wrong), expected);
+        EXPECT_EQ(generate(wrong), expected);
+        now = {};
+        EXPECT_EQ(key.sign(), EU_ERROR_NONE);
     }
 }
 
@@ -239,14 +221,11 @@ TEST(Key, IsWhatTheTokenOffersAndSigns) {
 
 // Once, at the price of a login; not what would fail again, nor another key in its place.
 TEST(Key, IsOpenedAgainWhereItsLoginHasEnded) {
-    struct row {
-        CK_RV result;
-        bool renewed, asksAgain = false; // the token, for the password
-    };
-    for (const auto& [result, renewed, asksAgain] : {row{CKR_SESSION_CLOSED, true},
-             {CKR_SESSION_HANDLE_INVALID, true}, {CKR_KEY_HANDLE_INVALID, true},
-             {CKR_OBJECT_HANDLE_INVALID, true}, {CKR_USER_NOT_LOGGED_IN, true},
-             {CKR_USER_NOT_LOGGED_IN, false, true}, {CKR_DEVICE_MEMORY, false}}) {
+    constexpr bool asks = true; // the token, for the password before each signature
+    for (const auto& [result, asksAgain, renewed] : {std::tuple(CKR_SESSION_CLOSED, !asks, true),
+             {CKR_SESSION_HANDLE_INVALID, !asks, true}, {CKR_KEY_HANDLE_INVALID, !asks, true},
+             {CKR_OBJECT_HANDLE_INVALID, !asks, true}, {CKR_USER_NOT_LOGGED_IN, !asks, true},
+             {CKR_USER_NOT_LOGGED_IN, asks, false}, {CKR_DEVICE_MEMORY, !asks, false}}) {
         empty();
         put({.tells = {{CKA_ALWAYS_AUTHENTICATE, {asksAgain}}}});
         const opened_key key;
@@ -286,12 +265,15 @@ TEST(Key, AloneIsALeftover) {
     }
 }
 
-TEST(Key, OfACertificateThatForbidsSigningCanBeRemoved) {
+TEST(Key, ThatMayNotSignComesLastAndCanBeRemoved) {
     makeSigner(other);
     EXPECT_EQ(find(), EU_ERROR_NONE);
     EXPECT_EQ(sign(), EU_ERROR_CERT_USAGE);
     EXPECT_EQ(destroy(), EU_ERROR_NONE);
     EXPECT_EQ(count(), strangers);
+    certify(other);
+    put({}, ~0UL); // which comes first, though it is listed last
+    EXPECT_EQ(sign(), EU_ERROR_NONE);
 }
 
 TEST(Key, MadeMeanwhileByAnotherMachineIsTheOnlyOne) {
@@ -338,10 +320,10 @@ TEST(Fault, GenerationLeavesAWholeKeyOrNone) {
     // Where a call that removes something fails, it stays until the next generation.
     const std::set<DWORD> leaving{EU_ERROR_NONE, EU_ERROR_KEY_MEDIAS_ACCESS_FAILED,
         EU_ERROR_KEY_MEDIAS_GENERATION_REFUSED, EU_ERROR_PKCS11 + CKR_ATTRIBUTE_VALUE_INVALID};
-    std::map<DWORD, int> results;
+    std::set<DWORD> results;
     const auto check = [&](DWORD result) {
         const bool made = result == EU_ERROR_NONE, shows = find() == EU_ERROR_NONE;
-        ++results[result];
+        results.insert(result);
         EXPECT_TRUE(shows == made || (token.insists != 0 && leaving.contains(result)));
         EXPECT_TRUE(leaving.contains(result) || count() == 0);
         EXPECT_EQ(generate(), shows ? EU_ERROR_KEY_EXISTS : EU_ERROR_NONE);
@@ -350,12 +332,10 @@ TEST(Fault, GenerationLeavesAWholeKeyOrNone) {
         EXPECT_TRUE(left == 4 || (made && left == 5)) << left;
     };
     failEachCall([] { empty(); }, [] { return generate(); }, check);
-    for (const DWORD refused :
-        {EU_ERROR_KEY_MEDIAS_ADMINISTRATOR, EU_ERROR_KEY_MEDIAS_GENERATION_REFUSED}) {
-        EXPECT_EQ(results[refused], 4); // each of two pairs, twice
+    for (const DWORD refused : {EU_ERROR_KEY_MEDIAS_ADMINISTRATOR,
+             EU_ERROR_KEY_MEDIAS_GENERATION_REFUSED, EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED}) {
+        EXPECT_TRUE(results.contains(refused)) << refused;
     }
-    // Where the token neither lets all keys verify nor allows a copy or a change.
-    EXPECT_EQ(results[EU_ERROR_KEY_MEDIAS_CHANGE_REFUSED], 1);
 }
 
 TEST(Fault, DestructionCanBeRepeated) {
@@ -380,29 +360,20 @@ TEST(Fault, TheKeyIsAsItWasBefore) {
     }
 }
 
-// In the library's own kind of signature everywhere; in others' where they are signed, which begins
-// with the content type.
-void sweep(std::array<bytes, 3> parts, bool own) {
-    const bytes type{6, 9, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 1, 9, 3};
-    ASSERT_EQ(verify(parts[0], parts[1], parts[2]), 0U);
-    for (bytes& part : parts) {
-        auto at = part.begin();
-        if (!own && part != data) { at = std::search(at, part.end(), type.begin(), type.end()); }
-        for (; at != part.end(); ++at) {
-            const auto byte = *at;
-            for (const int mask : {0x01, 0x07, 0x0A, 0x20, 0xFF}) {
-                *at = static_cast<unsigned char>(byte ^ mask);
-                EXPECT_NE(verify(parts[0], parts[1], parts[2]), 0U) << at - part.begin();
-            }
-            *at = byte;
-        }
-    }
-}
-
 TEST(Verification, NoticesEveryChangedByte) {
     const auto all = kinds();
-    for (const auto& each : all) { sweep({data, each.signature, der(each.certificate)}, each.own); }
-    sweep({data, all[0].signature, pem(all[0].certificate)}, true);
+    for (const auto& each : std::span(all).first(own_kinds)) {
+        std::array parts{data, each.signature, der(each.certificate)};
+        ASSERT_EQ(verify(parts[0], parts[1], parts[2]), EU_ERROR_NONE);
+        for (bytes& part : parts) {
+            for (std::size_t i = 0; i < part.size() * 5; ++i) {
+                const unsigned char before = part[i / 5];
+                part[i / 5] ^= bytes{0x01, 0x07, 0x0A, 0x20, 0xFF}[i % 5];
+                EXPECT_NE(verify(parts[0], parts[1], parts[2]), EU_ERROR_NONE) << i;
+                part[i / 5] = before;
+            }
+        }
+    }
 }
 
 } // namespace

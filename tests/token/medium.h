@@ -27,9 +27,8 @@ std::vector<card> cards(1);
 struct nature {
     std::map<CK_MECHANISM_TYPE, CK_ULONG> offers{}; // up to that key size, if not what SoftHSM does
     CK_ATTRIBUTE_TYPE insists = 0;                  // what all key pairs have
-    bool halves = false;  // pairs whose generation fails leave their private key
-    bool isCurt = false;  // tells nothing where an object lacks one of the attributes
-    bool forgets = false; // it is given objects of a session, which is faster
+    bool halves = false; // pairs whose generation fails leave their private key
+    bool isCurt = false; // tells nothing where an object lacks one of the attributes
 } token;
 
 // What happens to the calls, until something else is assigned.
@@ -101,7 +100,7 @@ public:
     void create(object with, const auto&... more) const {
         CK_OBJECT_HANDLE made = 0;
         (with.insert(more.begin(), more.end()), ...);
-        with.insert({{CKA_TOKEN, {!token.forgets}}, {CKA_PRIVATE, {0}}});
+        with.insert({{CKA_TOKEN, {1}}, {CKA_PRIVATE, {0}}});
         must(softhsm->C_CreateObject(session, list(with).data(), with.size(), &made));
     }
 
@@ -188,8 +187,8 @@ CK_FUNCTION_LIST* onlyModule() {
         return now.refusal != 0 ? now.refusal : softhsm->C_Login(session, user, pin, length);
     };
     passedOn.C_FindObjectsInit = [](auto session, auto wanted, auto count) {
-        ++now.searches; // CKA_TOKEN is what is wanted last
-        return softhsm->C_FindObjectsInit(session, wanted, token.forgets ? count - 1 : count);
+        ++now.searches;
+        return softhsm->C_FindObjectsInit(session, wanted, count);
     };
     passedOn.C_GetAttributeValue = [](auto session, auto of, CK_ATTRIBUTE* asked, auto count) {
         const std::vector<CK_ATTRIBUTE> before(asked, asked + count);
