@@ -26,8 +26,8 @@ struct card_key {
 };
 
 // Puts a key on the token, and returns the best of its certificates, of more than 1 KiB.
-bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true) {
-    const maintenance on;
+bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
+    const maintenance& on = maintenance()) {
     made::key pair(EVP_EC_gen(with.curve));
     bytes point = der(pair.get(), i2d_PublicKey), best;
     for (; with.odd && (point[1] > 62 || point[2] != 4); point = der(pair.get(), i2d_PublicKey)) {
@@ -131,7 +131,7 @@ TEST(Cards, LoseTheKeyThatSigns) {
     cards = {{}};
 }
 
-TEST(Cards, AreReadOnce) {
+TEST(Cards, AreReadOnceAndInProportion) {
     empty();
     put({});
     EXPECT_EQ(list() + find(), EU_ERROR_NONE);
@@ -140,6 +140,18 @@ TEST(Cards, AreReadOnce) {
     EXPECT_EQ(std::pair(now.searches, now.logins), std::pair(1, 1));
     EXPECT_EQ(sign(nullptr, medium("123")), EU_ERROR_PASSWORD_LENGTH);
     EXPECT_EQ(now.logins, 1); // the card was not asked
+
+    token.forgets = true;
+    const maintenance with;
+    for (const auto& certificate : {std::optional(signing), {}}) {
+        for (CK_ULONG i = 1; i <= 1000; ++i) {
+            put({.certificate = certificate, .tells = {{CKA_PRIVATE, {0}}}}, i, true, with);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(find() + sign(), EU_ERROR_NONE);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    }
+    token = {};
 }
 
 using calls = std::vector<std::function<DWORD()>>;

@@ -27,8 +27,9 @@ std::vector<card> cards(1);
 struct nature {
     std::map<CK_MECHANISM_TYPE, CK_ULONG> offers{}; // up to that key size, if not what SoftHSM does
     CK_ATTRIBUTE_TYPE insists = 0;                  // what all key pairs have
-    bool halves = false; // pairs whose generation fails leave their private key
-    bool isCurt = false; // tells nothing where an object lacks one of the attributes
+    bool halves = false;  // pairs whose generation fails leave their private key
+    bool isCurt = false;  // tells nothing where an object lacks one of the attributes
+    bool forgets = false; // it is given objects of a session, which is faster
 } token;
 
 // What happens to the calls, until something else is assigned.
@@ -100,7 +101,7 @@ public:
     void create(object with, const auto&... more) const {
         CK_OBJECT_HANDLE made = 0;
         (with.insert(more.begin(), more.end()), ...);
-        with.insert({{CKA_TOKEN, {1}}, {CKA_PRIVATE, {0}}});
+        with.insert({{CKA_TOKEN, {!token.forgets}}, {CKA_PRIVATE, {0}}});
         must(softhsm->C_CreateObject(session, list(with).data(), with.size(), &made));
     }
 
@@ -187,8 +188,8 @@ CK_FUNCTION_LIST* onlyModule() {
         return now.refusal != 0 ? now.refusal : softhsm->C_Login(session, user, pin, length);
     };
     passedOn.C_FindObjectsInit = [](auto session, auto wanted, auto count) {
-        ++now.searches;
-        return softhsm->C_FindObjectsInit(session, wanted, count);
+        ++now.searches; // CKA_TOKEN is what is wanted last
+        return softhsm->C_FindObjectsInit(session, wanted, token.forgets ? count - 1 : count);
     };
     passedOn.C_GetAttributeValue = [](auto session, auto of, CK_ATTRIBUTE* asked, auto count) {
         const std::vector<CK_ATTRIBUTE> before(asked, asked + count);
