@@ -5,132 +5,101 @@
 #include <algorithm>
 #include <array>
 #include <fuzzer/FuzzedDataProvider.h>
-#include <string_view>
-#include <utility>
+#include <numeric>
 
 namespace {
 
 using namespace std::literals;
 using text = std::string;
-using view = std::string_view;
+using texts = std::vector<text>;
 
-// An element of BER holds bytes or elements. What is none has no tag, and its bytes are all of it.
-struct element {
-    char tag;
-    text bytes;
-    std::vector<element> inside{};
-    bool marked = false; // at its end, instead of a length
-};
-using elements = std::vector<element>;
+std::vector<std::array<text, 3>> seeds; // data, signature, certificate
 
-// Takes the elements off an encoding, up to its end or to the mark of it.
-elements parsed(view& encoding, bool marked) {
-    elements all;
-    while (!encoding.empty()) {
-        const auto* start = reinterpret_cast<const unsigned char*>(encoding.data());
-        const auto* content = start;
-        long size = 0;
-        int tag = 0, kind = 0;
-        const int form = ASN1_get_object(&content, &size, &tag, &kind, std::ssize(encoding));
-        if ((form & 0x80) != 0 || tag > 30) {
-            all.push_back({0, text(std::exchange(encoding, {}))});
-            break;
-        }
-        element next{encoding[0], {}, {}, (form & 1) != 0};
-        encoding.remove_prefix(static_cast<std::size_t>(content - start));
-        if (marked && next.tag == 0) { break; }
-        const auto length = next.marked ? encoding.size() : static_cast<std::size_t>(size);
-        view inside = encoding.substr(0, length);
-        encoding.remove_prefix(length);
-        if ((form & V_ASN1_CONSTRUCTED) == 0) {
-            next.bytes = inside;
-        } else {
-            next.inside = parsed(inside, next.marked);
-            encoding = next.marked ? inside : encoding;
-        }
-        all.push_back(std::move(next));
+text asText(const made::bytes& all) { return {all.begin(), all.end()}; }
+
+text joined(const texts& all) { return std::accumulate(all.begin(), all.end(), text()); }
+
+// The elements in an element of BER, whatever its tag; primitive ones come in DER. May be none.
+texts inside(text whole) {
+    using release = made::freed<[](auto* list) { sk_ASN1_TYPE_pop_free(list, ASN1_TYPE_free); }>;
+    if ((whole[0] & V_ASN1_CONSTRUCTED) == 0) { return {}; }
+    whole[0] = V_ASN1_CONSTRUCTED | V_ASN1_SEQUENCE;
+    const auto* start = reinterpret_cast<const unsigned char*>(whole.data());
+    const std::unique_ptr<ASN1_SEQUENCE_ANY, release> list(
+        d2i_ASN1_SEQUENCE_ANY(nullptr, &start, std::ssize(whole)));
+    texts all;
+    for (int i = 0; i < sk_ASN1_TYPE_num(list.get()); ++i) {
+        all.push_back(asText(made::der(sk_ASN1_TYPE_value(list.get(), i), i2d_ASN1_TYPE)));
     }
     return all;
 }
 
-elements parsed(view encoding) { return parsed(encoding, false); }
-
-text built(const elements& all) {
-    text out;
-    for (const auto& [tag, bytes, inside, marked] : all) {
-        const text contents = bytes + built(inside);
-        std::array<unsigned char, 16> header{};
-        auto* end = header.data();
-        ASN1_put_object(&end, marked ? 2 : 0, static_cast<int>(contents.size()), 0, 0);
-        header[0] = static_cast<unsigned char>(tag);
-        if (tag != 0) { out.append(header.data(), end); }
-        out += marked ? contents + "\0\0"s : contents;
-    }
-    return out;
+text element(char tag, const text& contents) {
+    std::array<unsigned char, 16> header{};
+    auto* end = header.data();
+    ASN1_put_object(&end, 0, static_cast<int>(contents.size()), 0, 0);
+    header[0] = static_cast<unsigned char>(tag);
+    return text(header.data(), end) + contents;
 }
 
-// Where there are elements, down to a depth.
-using place = std::pair<elements*, std::size_t>;
-std::vector<place> places(elements& in, std::size_t deepest) {
-    std::vector<place> all;
-    for (std::size_t at = 0; at < in.size(); ++at) {
-        all.emplace_back(&in, at);
-        const auto more = deepest > 0 ? places(in[at].inside, deepest - 1) : std::vector<place>{};
-        all.insert(all.end(), more.begin(), more.end());
-    }
-    return all;
+// An element after a change of it and, before that, of those inside it down to a depth.
+text changed(const text& whole, std::size_t deepest, const auto& change) {
+    const auto before = deepest > 0 ? inside(whole) : texts();
+    auto all = before;
+    for (auto& each : all) { each = changed(each, deepest - 1, change); }
+    return change(all == before ? whole : element(whole[0], joined(all)));
 }
 
-// What stands in elements, however it is encoded.
-text bytesIn(const elements& outer) {
+// What an element says, however it is encoded.
+text told(const text& whole) {
     text all;
-    for (const auto& each : outer) { all += each.bytes + bytesIn(each.inside); }
+    for (const auto& each : inside(whole)) { all += told(each); }
+    return all.empty() ? whole : all;
+}
+
+// What the signed attributes of the signers say.
+texts signedIn(const text& message) {
+    texts all;
+    for (const auto& signer : inside(inside(inside(inside(message).at(1)).at(0)).back())) {
+        for (const auto& field : inside(signer)) {
+            if (field[0] == '\xA0') { all.push_back(told(field)); }
+        }
+    }
     return all;
 }
 
-void require(bool promise) {
-    if (!promise) { std::abort(); }
+text withoutBlanks(text all) {
+    std::erase_if(all, [](char each) { return " \t\r\n"s.find(each) != text::npos; });
+    return all;
 }
 
-using triple = std::array<elements, 3>; // data, signature, certificate
-struct seed {
-    triple parts;
-    text attributes;  // what the signed ones tell
-    text der, base64; // both forms of the certificate
-};
-std::vector<seed> seeds;
-const text data(made::data.begin(), made::data.end());
-
-// What passes has the data, the certificate and the signed attributes of a good one.
-void check(const triple& parts, bool good = false) {
-    const auto of = built(parts[0]), signature = built(parts[1]), with = built(parts[2]);
-    if (made::verify(of, signature, with) != 0) { return require(!good); }
-    auto characters = with;
-    std::erase_if(characters, [](char each) { return " \t\r\n"sv.find(each) != view::npos; });
-    const auto told = bytesIn(parsed(signature));
-    require(of == data && std::ranges::any_of(seeds, [&](const seed& each) {
-        return told.find(each.attributes) != text::npos &&
-               (with == each.der || characters.find(each.base64) != text::npos);
-    }));
+// What passes has the data, the signed attributes and the certificate of a good one.
+bool passes(const std::array<text, 3>& parts) {
+    if (made::verify(parts[0], parts[1], parts[2]) != 0) { return false; }
+    const auto attributes = signedIn(parts[1]);
+    const auto characters = withoutBlanks(parts[2]);
+    for (const auto& [data, signature, certificate] : seeds) {
+        const bool found = characters.find(withoutBlanks(certificate)) != text::npos;
+        if (data == parts[0] && (certificate == parts[2] || (certificate[0] == '-' && found)) &&
+            std::ranges::count(attributes, signedIn(signature)[0]) > 0) {
+            return true;
+        }
+    }
+    std::abort();
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     for (const auto& [key, certificate, signature] : made::kinds()) {
-        const auto bytes = made::der(certificate);
-        made::bytes encoded(bytes.size() * 2);
-        const auto length =
-            EVP_EncodeBlock(encoded.data(), bytes.data(), static_cast<int>(bytes.size()));
-        const text der(bytes.begin(), bytes.end()),
-            base64(encoded.begin(), encoded.begin() + length);
-        const auto pem = "-----BEGIN CERTIFICATE-----\n" + base64 + "\n-----END CERTIFICATE-----\n";
-        const auto message = parsed(text(signature.begin(), signature.end()));
-        const auto signer = message[0].inside[1].inside[0].inside.back().inside[0];
-        for (const auto& form : {der, pem}) {
-            seeds.push_back({{parsed(data), message, parsed(form)},
-                bytesIn(signer.inside[3].inside), der, base64});
-            check(seeds.back().parts, true);
+        const auto der = made::der(certificate);
+        made::bytes base64(der.size() * 2);
+        EVP_EncodeBlock(base64.data(), der.data(), static_cast<int>(der.size()));
+        const auto pem = "-----BEGIN CERTIFICATE-----\n" + text(asText(base64).c_str()) +
+                         "\n-----END CERTIFICATE-----\n";
+        for (const auto& form : {asText(der), pem}) {
+            seeds.push_back({asText(made::data), asText(signature), form});
+            if (!passes(seeds.back())) { std::abort(); }
         }
     }
     return 0;
@@ -139,31 +108,31 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
     FuzzedDataProvider input(bytes, size);
     const auto roll = [&](std::size_t n) { return input.ConsumeIntegralInRange(0UL, n - 1); };
-    auto parts = seeds[roll(seeds.size())].parts;
-    auto other = roll(2) == 0 ? parts : seeds[roll(seeds.size())].parts;
+    auto parts = seeds[roll(seeds.size())];
+    const auto other = roll(2) == 0 ? parts : seeds[roll(seeds.size())];
     for (int edits = 0; edits < 8 && input.remaining_bytes() > 0; ++edits) {
         const auto part = roll(3), deepest = roll(17); // near the top most is unsigned
-        const auto all = places(parts[part], deepest), donors = places(other[part], deepest);
-        if (all.empty()) { continue; }
-        const auto [among, at] = all[roll(all.size())];
-        const auto [lent, which] = donors[roll(donors.size())];
-        const auto here = among->begin() + static_cast<std::ptrdiff_t>(at);
-        text whole = built({*here});
-        if (whole.empty()) { continue; }
-        switch (roll(9)) {
-        case 0: here->tag ^= static_cast<char>(1U << roll(8)); break;
-        case 1: here->marked = !here->marked; break;
-        case 2: *here = {here->tag, input.ConsumeRandomLengthString(127)}; break;
-        case 3: *here = (*lent)[which]; break;
-        case 4: among->insert(here, (*lent)[which]); break;
-        case 5: among->erase(here); break;
-        case 6:
-            *here = {0, whole.insert(roll(whole.size()), input.ConsumeRandomLengthString())};
-            break;
-        case 7: *here = {0, whole.insert(1, "\x81")}; break; // the length as no DER has it
-        default: whole[roll(whole.size())] ^= static_cast<char>(1U << roll(8)); *here = {0, whole};
-        }
+        if (parts[part].empty()) { continue; }
+        texts all, donors;
+        changed(parts[part], deepest, [&](const text& each) { return all.emplace_back(each); });
+        changed(other[part], deepest, [&](const text& each) { return donors.emplace_back(each); });
+        auto at = roll(all.size());
+        parts[part] = changed(parts[part], deepest, [&](text whole) {
+            if (at-- != 0) { return whole; }
+            switch (roll(10)) {
+            case 0: whole[0] ^= static_cast<char>(1U << roll(8)); return whole;
+            case 1: return whole[0] + "\x80"s + joined(inside(whole)) + "\0\0"s; // its end marked
+            case 2: return element(whole[0], input.ConsumeRandomLengthString(127));
+            case 3: return input.ConsumeRandomLengthString(127);
+            case 4: return donors[roll(donors.size())];
+            case 5: return donors[roll(donors.size())] + whole;
+            case 6: return text();
+            case 7: return whole.insert(1, "\x81"); // the length as no DER has it
+            case 8: return whole.insert(roll(whole.size() + 1), input.ConsumeRandomLengthString());
+            default: whole[roll(whole.size())] ^= static_cast<char>(1U << roll(8)); return whole;
+            }
+        });
     }
-    check(parts);
+    passes(parts);
     return 0;
 }
