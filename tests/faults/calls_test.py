@@ -8,18 +8,11 @@ import re
 import shutil
 import sys
 
-from setting import PIN, Setting, check, counts, end, verdicts
+from setting import PIN, Setting, check, commands, counts, end, key, verdicts
 
 DOUBLES = os.path.abspath(sys.argv[2])
-COMMANDS = (
-    "media list", "key create S1 secret ds kep req.zip", "sign verify blob sign crt",
-    *(f"key {verb} S1 secret"
-      for verb in ("delete", "test-access", "test-valid", "test-sign", "test-all")),
-    "sign crt-info S1 secret", "sign export-crt S1 secret new.crt",
-    "sign create-ext S1 secret blob new.p7s")
 FAILURES = ("FAIL", "FAILED", *map(verdicts, range(3)))
-FILES = {"blob": "some data", "sign": "a signature", "crt": "a certificate",
-         "new.crt": "old", "req.zip": "old", "new.p7s": "old"}
+FILES = dict.fromkeys(("data", "signature", "ds.crt", "target!"), "old")
 CALL_FAULTS = {"error=EIO": "Input/output error", "error=ENOSPC": "No space left on device",
                "error=EACCES": "Permission denied", "signal=KILL": None}
 
@@ -35,7 +28,7 @@ class Run:
             (self.folder / name).write_text(content)
         env = dict(place.env, LD_LIBRARY_PATH=libraries, TRANSCRIPT="../calls", EU_MEDIA="@+,S1",
                    EU_KEY="10" if "delete" in command else "1", **doubles)
-        self.out = place.answer(*command.split(), wrapper=wrapper, env=env, cwd=self.folder)
+        self.out = place.answer(*command, wrapper=wrapper, env=env, cwd=self.folder)
         self.told = (place.folder / "calls").read_text()
         self.what = f"{command} {doubles} {wrapper}\n{self.told}{self.out}"
         counts["runs"] += 1
@@ -52,12 +45,12 @@ class Run:
         return len(re.findall(pattern, self.told, re.MULTILINE))
 
     def failed_for(self, cause):
-        """Whether it came to nothing, for the cause in its log."""
-        return self.out == "FAIL" and self.count(f"^1 .*fail: .*({cause})") == 1
+        """Whether it came to nothing, and one record says so, which is for the cause."""
+        return self.out == "FAIL" and self.count(rf"^1 \S+ \S+: fail: ({cause})$") == 1
 
 
 def library_calls():
-    for command in COMMANDS:
+    for command in commands("S1", "secret"):
         smooth = Run(command)
         check(smooth.out not in FAILURES, smooth.what)
         functions = re.findall(r"^(EU\w+)\(.*\) = \d+$", smooth.told, re.MULTILINE)
@@ -78,28 +71,27 @@ def library_calls():
 
 
 def archive_calls():
-    command = "key create S1 secret ds kep req.zip"
+    command = key("create", "S1", "secret")
     for k in range(1, 1 + Run(command).count("^zip_(?!discard|source_free)")):
         for code, text in ((14, "Malloc failure"), (5, "Read error"), (18, "Invalid argument")):
             run = Run(command, ZIP_FAIL=f"{k}:{code}")
-            check(run.failed_for(f"zip_open .answer:{code}|zip_\\w+ .{text}"), run.what)
-            check((run.folder / "req.zip").read_text() == "old", run.what)
+            cause = rf"zip_open \(answer:{code}\)|zip_\w+ \({text}(: Success)?\)"
+            check(run.failed_for(cause), run.what)
+            check((run.folder / "target!").read_text() == "old", run.what)
 
 
 def file_calls():
-    """Every system call of these commands on a file in their folder fails in turn, or they are
-    killed there; they write a file, which survives or does not. The last signature is a real one."""
-    real = place.folder / "log2"
+    """Every system call of a command on the files in its folder fails in turn, or it is killed
+    there; target! survives or does not. A signature is a real one."""
+    serial, real = place.token_with_key("Alice"), place.folder / "log2"
     place.bash(f"mkdir log2; ln -s '{DOUBLES}/liblog2.so' log2")
-    signing = f"sign create-ext {place.token_with_key('Alice')} {PIN} blob new.p7s"
-    for command, made, survives, libraries in (
-            ("key create S1 secret ds kep req.zip", "req.zip", True, DOUBLES),
-            ("sign export-crt S1 secret new.crt", "new.crt", False, DOUBLES),
-            ("sign verify blob sign crt", "blob", True, DOUBLES),
-            (signing, "new.p7s", True, real)):
+    for command in (words for words in commands("S1", "secret") if {*FILES} & {*words}):
+        survives, libraries = "export-crt" not in command, DOUBLES
+        if "create-ext" in command:
+            command[2:4], libraries = [serial, PIN], real
         smooth = Run(command, place.traced(), libraries)
         check(smooth.out in ("DONE", "PASSED"), smooth.what)
-        whole = (smooth.folder / made).stat().st_size
+        whole = (smooth.folder / "target!").stat().st_size
         named = rf'{smooth.folder}/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
         points = [(call, number) for call, number, rest in place.system_calls()
                   if call != "execve" and re.search(named, rest)]
@@ -107,13 +99,14 @@ def file_calls():
             run = Run(command, place.traced("-e", f"inject={call}:{how}:when={number}"), libraries)
             injected = any(name == call and rest.endswith("(INJECTED)")
                            for name, _, rest in place.system_calls())
-            cause = f"{CALL_FAULTS[how]}|actual-size:0|zip_open|the (data|signature) file "
+            cause = f".*({CALL_FAULTS[how]}|actual-size:0|zip_open|the (data|signature) file ).*"
             same = run.out == smooth.out
             check(run.killed or injected and (same or run.failed_for(cause)), run.what)
-            names, left = {each.name for each in run.folder.iterdir()}, run.folder / made
-            check(names == FILES.keys() or run.killed and names > FILES.keys(), run.what)
-            is_whole = abs(left.stat().st_size - whole) < 8
-            as_before = not survives or left.read_text("latin-1") == FILES[made]
+            left = {file.name: file.read_text("latin-1") for file in run.folder.iterdir()}
+            kept = {**FILES, "target!": left["target!"]}
+            check(kept == left or run.killed and kept.items() < left.items(), run.what)
+            is_whole = abs(len(left["target!"]) - whole) < 8
+            as_before = not survives or left["target!"] == "old"
             check(not same and as_before or (same or run.killed) and is_whole, run.what)
 
 

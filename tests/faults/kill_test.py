@@ -10,12 +10,10 @@ twentieth are taken.
 import os
 import re
 from collections import Counter
-from concurrent.futures import ThreadPoolExecutor
 
-from setting import KEY, PIN, Setting, check, end
+from setting import KEY, Setting, check, end, key, pool
 
 CHANGES = {"write", "pwrite64", "ftruncate", "rename", "renameat", "unlink", "fchmod"}
-left = []  # by the kills in all places
 
 
 class Place(Setting):
@@ -24,22 +22,21 @@ class Place(Setting):
     def __init__(self):
         super().__init__()
         self.serial = self.token_with_key("Alice")
-        self.bash("cp -r tokens full")
+        self.bash("cp -r tokens before-delete")
         self.do("delete")
-        self.bash("cp -r tokens bare")
+        self.bash("cp -r tokens before-create")
 
     def do(self, verb, *wrapper):
-        words = ["ds", "kep", "target!"] * (verb == "create")
-        return self.answer("key", verb, self.serial, PIN, *words, wrapper=wrapper)
+        return self.answer(*key(verb, self.serial), wrapper=wrapper)
 
-    def start(self, verb):
-        """Puts everything back."""
-        self.bash(f"rm -rf tokens target!*; cp -r {'bare' if verb == 'create' else 'full'} tokens")
+    def anew(self, verb, *options):
+        """Puts everything back, and does it traced."""
+        self.bash(f"rm -rf tokens target!*; cp -r before-{verb} tokens")
+        return self.do(verb, *self.traced(*options))
 
     def calls(self, verb):
         """What to kill at: a system call's name, and its number among those of that name."""
-        self.start(verb)
-        assert self.do(verb, *self.traced()) == "DONE"
+        assert self.anew(verb) == "DONE"
         points = {}
         for name, number, rest in self.system_calls():
             given = re.search(r'\d<([^>]*)>|"([^"]*)"', rest)
@@ -52,8 +49,7 @@ class Place(Setting):
 
     def kill(self, verb, name, number):
         """Kills there, and looks at what that leaves."""
-        self.start(verb)
-        killed = self.do(verb, *self.traced("-e", f"inject={name}:signal=KILL:when={number}"))
+        killed = self.anew(verb, "-e", f"inject={name}:signal=KILL:when={number}")
         # At each login SoftHSM cuts the token's own file to nothing, and then writes it anew. Any
         # program that is killed in between leaves a token that is none any more; and without a
         # login no key opens.
@@ -79,15 +75,13 @@ class Place(Setting):
 
 
 places = [Place() for _ in range(os.cpu_count() or 1)]
-with ThreadPoolExecutor() as pool:
-    for verb in "create", "delete":
-        points = places[0].calls(verb)
-        sweep = lambda i: [places[i].kill(verb, *each) for each in points[i::len(places)]]
-        list(pool.map(sweep, range(len(places))))
-        count = Counter(left)
-        print(f"{verb}: {len(points)} kill points; what is left: {dict(count)}", flush=True)
-        check(len(points) >= 10, verb, "has few points to kill it at")
-        few = count["token lost"] <= 4 and count["not killed"] <= 2
-        check(few, verb, "loses too many tokens, or is killed too seldom")
-        left.clear()
+for verb in "create", "delete":
+    left = []  # by the kills in all places
+    points = places[0].calls(verb)
+    sweep = lambda i: [places[i].kill(verb, *each) for each in points[i::len(places)]]
+    list(pool.map(sweep, range(len(places))))
+    count = Counter(left)
+    print(f"{verb}: {len(points)} kill points; what is left: {dict(count)}", flush=True)
+    few = count["token lost"] <= 4 and count["not killed"] <= 2
+    check(few and len(points) >= 10, verb, "loses too many tokens, or is killed too seldom")
 end("kills:")

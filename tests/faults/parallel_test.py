@@ -2,32 +2,25 @@
 """Many processes on one token at once: signatures, generations, everything with everything; and
 beside one that hangs."""
 
+import fcntl
 import os
 import re
-import signal
-import subprocess
+import struct
 import time
 from collections import Counter
 
-from setting import KEY, PIN, PROGRAM, USAGE, VERIFY, Setting, check, end, verdicts
+from setting import KEY, PIN, VERIFY, Setting, check, end, key, pool, verdicts
 
 place = Setting()
-how = {"cwd": place.folder, "env": place.env}
-
-
-def key(verb, serial):
-    return ["key", verb, serial, PIN] + ["ds", "kep", "req.zip"] * (verb == "create")
 
 
 def at_once(pause, commands):
     """What the commands answer, each started a pause after the one before."""
-    started = []
-    for each in commands:
-        process = subprocess.Popen([PROGRAM, *each], stdout=subprocess.PIPE, text=True, **how)
-        started.append((each[1], process))
+    running = []
+    for words in commands:
+        running.append((words[1], pool.submit(place.answer, *words)))
         time.sleep(pause)
-    answers = ((verb, process.communicate()[0]) for verb, process in started)
-    return Counter((verb, text.replace(USAGE, "(usage)").strip()) for verb, text in answers)
+    return Counter((verb, answer.result()) for verb, answer in running)
 
 
 def sign(serial):
@@ -38,40 +31,27 @@ def sign(serial):
     check(right, "signatures:", said, verified, "files verify")
 
 
-def stopped(command, lock):
-    """The number of a process that has stopped with its first lock of the kind."""
-    trace, locked = place.folder / "trace", rf"/dev/null>, F_OFD_SETLK, \{{l_type={lock}.* = 0"
-    while True:  # whoever has to wait for another one makes more calls
-        place.answer(*command, wrapper=place.traced())
-        when = next(i for _, i, rest in place.system_calls() if re.search(locked, rest))
-        stop = place.traced("-e", f"inject=fcntl:signal=STOP:when={when}")
-        trace.write_text("")
-        started = subprocess.Popen([*stop, PROGRAM, *command], stdout=subprocess.DEVNULL, **how)
-        while "stopped by SIGSTOP" not in trace.read_text() and started.poll() is None:
-            time.sleep(0.01)
-        process = int(trace.read_text().split()[0])
-        if re.search(locked + ".*\n.*SIGSTOP", trace.read_text()):
-            return process
-        if started.poll() is None:
-            os.kill(process, signal.SIGKILL)
-
-
-def hang(command, lock, other):
-    """A process that hangs is waited for, but not for long by those at another token."""
-    process, begun = stopped(command, lock), time.monotonic()
+def hang(command, kind, other):
+    """Who hangs with a command's first lock of the kind is waited for, but not for long by those
+    at another token."""
+    place.answer(*command, wrapper=place.traced())
+    taken = rf"F_OFD_SETLK, .l_type={kind}, l_whence=SEEK_SET, l_start=(\d+), l_len=(\d+)}}\) = 0"
+    start, length = map(int, re.search(taken, (place.folder / "trace").read_text()).groups())
     signing = ["sign", "create-ext", other, PIN, "data"]
-    said = at_once(0, [["media", "list", other], key("test-access", other),
-                       *([*signing, f"{each}.p7s"] for each in range(16))])
-    took = time.monotonic() - begun
-    os.kill(process, signal.SIGKILL)
+    with open("/dev/null", "r+b") as holder:
+        lock = struct.pack("hhlli", getattr(fcntl, kind), os.SEEK_SET, start, length, 0)
+        fcntl.fcntl(holder, fcntl.F_OFD_SETLK, lock)
+        begun = time.monotonic()
+        said = at_once(0, [["media", "list", other], key("test-access", other),
+                           *([*signing, f"{each}.p7s"] for each in range(16))])
+        took = time.monotonic() - begun
     right = {("list", other): 1, ("test-access", "PASSED"): 1, ("create-ext", "DONE"): 16}
     check(said == right and 4 < took < 20, "beside", command, "that hangs:", said, "after", took)
 
 
 def change(serial, rounds):
-    create, delete, *looks = (
-        *(key(each, serial) for each in ("create", "delete", "test-access", "test-valid")),
-        ["media", "list", serial])
+    create, delete = key("create", serial), key("delete", serial)
+    looks = [key("test-access", serial), key("test-valid", serial), ["media", "list", serial]]
     heard = Counter()
     for i in range(rounds):
         many = 2 if i < rounds // 2 else 12

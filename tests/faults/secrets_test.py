@@ -10,7 +10,7 @@ import shutil
 import signal
 import subprocess
 
-from setting import PIN, PROGRAM, Setting, check, end
+from setting import PIN, PROGRAM, Setting, check, commands, end
 
 TRACEME, SYSCALL, SETOPTIONS = 0, 24, 0x4200  # requests of ptrace
 TRACEEXIT, EXIT = 0x40, 6  # its option, and the event that it makes
@@ -29,13 +29,10 @@ def writable(maps, memory):
 
 def watch(setting, password, command):
     """Runs a command from one system call to the next. The places where its password was found."""
-    secret, log, printed = password.encode(), setting.folder / "log", setting.folder / "printed"
+    secret, log = password.encode(), setting.folder / "log"
     shutil.rmtree(log, ignore_errors=True)
-    env = {name: value for name, value in setting.env.items() if name != "GNUTLS_PIN"}
-    with open(printed, "wb") as output:
-        process = subprocess.Popen(
-            command, cwd=setting.folder, env=env, stdin=subprocess.DEVNULL, stdout=output,
-            stderr=output, preexec_fn=lambda: ptrace(TRACEME, 0, None, None))
+    how = {**setting.how, "env": {**setting.env, "GNUTLS_PIN": ""}, "stderr": subprocess.STDOUT}
+    process = subprocess.Popen(command, preexec_fn=lambda: ptrace(TRACEME, 0, None, None), **how)
     process.returncode = 0  # only this function waits for it
     pid, own = process.pid, pathlib.Path(f"/proc/{process.pid}")
     status = os.waitpid(pid, 0)[1]  # before its first instruction
@@ -52,7 +49,8 @@ def watch(setting, password, command):
             signalled = os.WSTOPSIG(status)
             ptrace(SYSCALL, pid, None, signalled if signalled != signal.SIGTRAP else 0)
             status = os.waitpid(pid, 0)[1]
-    return found | {file.name for file in (printed, *log.rglob("*")) if secret in file.read_bytes()}
+    left = [process.communicate()[0], *(file.read_bytes() for file in log.rglob("*"))]
+    return found | {"output or log" for text in left if secret in text}
 
 
 def dumps_core(setting, command):
@@ -62,19 +60,13 @@ def dumps_core(setting, command):
 
 
 place = Setting()
-long_pin = "long-" * 12 + "pin."
-tokens = ((place.token_with_key("Short"), PIN),
-          (place.bash(f"new_token Long {long_pin}"), long_pin))
+short, long_pin = place.token_with_key("Short"), "long-" * 12 + "pin."
 kept = place.objects("Short")[0].count("always sensitive, never extractable")
 check(kept == 2, "private keys that the token would let out")
-for serial, pin in tokens:
-    for password in (pin, pin[:-1] + "x"):
-        for words in ("key create {} ds kep new.zip", "key test-access {}", "key test-valid {}",
-                      "key test-sign {}", "key test-all {}", "sign crt-info {}",
-                      "sign export-crt {} new.crt", "sign create-ext {} ds.pem new.p7s",
-                      "key delete {}"):
-            command = [PROGRAM, *words.format(f"{serial} {password}").split()]
-            places = watch(place, password, command)
-            check(not places, *command, "leaves the password in:", *sorted(places))
+for serial, pin in (short, PIN), (place.token("Long", long_pin), long_pin):
+    for password in pin, pin[:-1] + "x":
+        for words in (words for words in commands(serial, password) if password in words):
+            places = watch(place, password, [PROGRAM, *words])
+            check(not places, *words, "leaves the password in:", *sorted(places))
 check(not dumps_core(place, f"{PROGRAM} key test-valid x {PIN}"), "a core dump")
 end("secrets:" if dumps_core(place, "date") else "secrets, but no core dumps on this machine:")

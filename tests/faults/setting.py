@@ -8,6 +8,7 @@ import subprocess
 import sys
 import tempfile
 import traceback
+from concurrent.futures import ThreadPoolExecutor
 
 PROGRAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "velmora"
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -23,6 +24,7 @@ WHOLE = {  # what tells that what a command made of target! is whole
     "export-crt": "cmp target! ds.crt",
 }
 counts = collections.Counter()
+pool = ThreadPoolExecutor(96)  # for what runs at the same time
 
 
 def check(holds, *what):
@@ -45,6 +47,21 @@ def verdicts(passed):
     return "{" + ",".join(f'"{name}":"{word}"' for name, word in zip(names, words)) + "}"
 
 
+def key(verb, serial, pin=PIN):
+    """The words of a command."""
+    return ["key", verb, serial, pin, *["ds", "kep", "target!"] * (verb == "create")]
+
+
+def commands(serial, pin=PIN):
+    """Those of every command; the key is deleted last."""
+    tests = "test-access", "test-valid", "test-sign", "test-all"
+    return [["media", "list"], ["media", "list", serial],
+            *(key(verb, serial, pin) for verb in ("create", *tests)),
+            ["sign", "crt-info", serial, pin], ["sign", "export-crt", serial, pin, "target!"],
+            ["sign", "create-ext", serial, pin, "data", "target!"],
+            ["sign", "verify", "data", "signature", "ds.crt"], key("delete", serial, pin)]
+
+
 class Setting:
     """Every test makes one; its folder goes with it."""
 
@@ -54,7 +71,7 @@ class Setting:
         self.env = dict(os.environ, HOME=f"{self.folder}", LOG2_DIR=f"{self.folder}/log",
                         GNUTLS_PIN=PIN, LC_ALL="C")
         self.how = {"cwd": self.folder, "env": self.env, "stdin": subprocess.DEVNULL,
-                    "capture_output": True}
+                    "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
         exported = self.bash('private_softhsm "$PWD"; env -0').split("\0")
         self.env.update(each.split("=", 1) for each in exported if each)
 
@@ -98,23 +115,23 @@ class Setting:
             seen[name] += 1
             yield name, seen[name], rest
 
-    def token(self, label):
+    def token(self, label, pin=PIN):
         """A new empty token's serial."""
-        return self.bash(f'new_token "{label}" {PIN}')
+        return self.bash(f'new_token "{label}" {pin}')
 
     def token_with_key(self, label):
         """The serial of a new token with a certified key; ds.crt is its certificate for signatures,
         and data a file to sign."""
         serial = self.token(label)
-        made = self.answer("key", "create", serial, PIN, "ds", "kep", "req.zip")
+        made = self.answer(*key("create", serial))
         assert made == "DONE", made
         self.certify(serial)
         self.bash("openssl x509 -in ds.pem -outform DER -out ds.crt; cp ca.pem data")
         return serial
 
     def certify(self, serial):
-        """Has both requests in req.zip certified, also on the token; ds.pem is for signatures."""
-        self.bash(f"unzip -qo req.zip; certify {serial} {PIN} ''")
+        """Has both requests in target! certified, also on the token; ds.pem is for signatures."""
+        self.bash(f"unzip -qo target!; certify {serial} {PIN} ''")
 
     def objects(self, label):
         """The objects on a token, as another tool shows them, and how many there are of a kind."""
