@@ -21,7 +21,6 @@ def manual_page():
     check(len(statuses) == 3 and re.findall(r"^\.It (\d+)$", page, re.M) == statuses, statuses)
 
 
-
 def codes():
     """The header has them in both notations, docs/troubleshooting.md with what to do."""
     page = (ROOT / "docs/troubleshooting.md").read_text()
@@ -35,8 +34,7 @@ def codes():
         text = re.sub(r'"\s*"', "", texts.get(name, "")).strip('"')
         row = f"\n| {number} | 0x{number:02X} | {text} | "
         check(row in page or name == "EU_ERROR_PKCS11", "docs/troubleshooting.md without", row)
-    all_texts = list(texts.values())
-    wrong = [name for name, text in texts.items() if all_texts.count(text) > 1
+    wrong = [name for name, text in texts.items() if list(texts.values()).count(text) > 1
              or name.startswith("CKR_") and f"({name})" not in text]
     check(len(texts) > 80 and not wrong, "texts that do not tell what it is:", wrong)
 

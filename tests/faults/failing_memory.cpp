@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -30,16 +31,14 @@ int trace = -1;
 __attribute__((constructor)) void configure(int, char**, char** environment) {
     trace = open("trace", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     for (; *environment != nullptr; ++environment) {
-        if (std::strncmp(*environment, "FAIL_MEMORY=", 12) == 0) {
-            wanted = std::strtoul(*environment + 12, nullptr, 16);
-        }
+        (void)std::sscanf(*environment, "FAIL_MEMORY=%lx", &wanted);
     }
 }
 
 struct call_stack {
     int depth = 0;
     std::uint64_t place = 0;
-    const char* owner = "none";
+    std::string_view owner = "none";
 };
 
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
@@ -48,14 +47,12 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     dl_find_object found{}; // much faster than dladdr
     if (_dl_find_object(reinterpret_cast<void*>(at), &found) != 0) { return _URC_END_OF_STACK; }
     const link_map& file = *found.dlfo_link_map;
-    const char* name = *file.l_name != '\0' ? basename(file.l_name) : "velmora";
+    const std::string_view name = *file.l_name != '\0' ? basename(file.l_name) : "velmora";
     if (++stack.depth <= 12) { stack.place = stack.place * 31 + at - file.l_addr; }
-    constexpr const char* passed[] = {
-        "failing_memory", "libstdc++", "libgcc_s", "libc.so", "ld-linux"};
-    for (const char* start : passed) {
-        if (std::strncmp(name, start, std::strlen(start)) == 0) { return _URC_NO_REASON; }
+    for (const auto* passed : {"failing_memory", "libstdc++", "libgcc_s", "libc.so", "ld-linux"}) {
+        if (name.starts_with(passed)) { return _URC_NO_REASON; }
     }
-    if (std::strcmp(stack.owner, "none") == 0) { stack.owner = name; }
+    if (stack.owner == "none") { stack.owner = name; }
     return stack.depth < 12 ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
@@ -65,7 +62,8 @@ bool fails() {
     _Unwind_Backtrace(visit, &stack);
     if (wanted == 0 || stack.place == wanted) {
         char line[256];
-        const int length = std::snprintf(line, sizeof line, "%lx %s\n", stack.place, stack.owner);
+        const char* owner = stack.owner.data();
+        const int length = std::snprintf(line, sizeof line, "%lx %s\n", stack.place, owner);
         (void)!write(trace, line, static_cast<size_t>(length));
     }
     looking = stack.place != wanted;
