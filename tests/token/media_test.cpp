@@ -298,6 +298,42 @@ TEST(Key, MadeMeanwhileByAnotherMachineIsTheOnlyOne) {
     EXPECT_EQ(count(), 3U);
 }
 
+TEST(Interface, RefusesWhatItDoesNotDo) {
+    const opened_key key;
+    BYTE* out = nullptr;
+    DWORD size = 0;
+    EU_CERT_INFO_EX* info = nullptr;
+    EU_SIGN_INFO signer{};
+    std::array<char, EU_DESCRIPTION_SIZE> text{};
+    const auto sign = [&](DWORD how, BOOL external) {
+        return EUCtxSignData(key.key, how, &data[0], 1, external, 1, &out, &size);
+    };
+    const auto signFile = [&](DWORD how, BOOL external) {
+        return EUCtxSignFile(key.key, how, "data", external, 1, "signature");
+    };
+    const auto own = [&](DWORD type, DWORD usage, EU_CERT_INFO_EX** to) {
+        return EUCtxGetOwnCertificate(key.key, type, usage, to, &out, &size);
+    };
+    const auto verify = [&](const void* hash, DWORD index, const void* settings) {
+        const BYTE one = 0;
+        return EUVerifyDataWithParams(
+            &one, 1, hash, 0, &one, 1, index, nullptr, 0, &one, 1, settings, &signer);
+    };
+    const auto results = [&] {
+        return std::vector{sign(2, 1), signFile(2, 1), own(2, 1, &info), own(1, 2, &info),
+            own(1, 1, nullptr), sign(1, 0), signFile(1, 0), verify(&size, 0, nullptr),
+            verify(nullptr, 1, nullptr), verify(nullptr, 0, &size),
+            EUEnumKeyMediaTypes(1, &text[0]), EUEnumKeyMediaDevices(1, 0, &text[0])};
+    };
+    std::vector<DWORD> expected(12, EU_WARNING_END_OF_ENUM);
+    std::fill_n(expected.begin(), 10, EU_ERROR_NOT_SUPPORTED);
+    std::fill_n(expected.begin(), 5, EU_ERROR_BAD_PARAMETER);
+    EXPECT_EQ(results(), expected);
+    EUFinalize();
+    EXPECT_EQ(results(), std::vector<DWORD>(12, EU_ERROR_NOT_INITIALIZED));
+    EXPECT_EQ(EUInitialize(), EU_ERROR_NONE);
+}
+
 constexpr int for_good = 1'000'000;
 
 // Lets every call of an operation fail, the k-th after what prepares the token: once, with what
