@@ -56,8 +56,7 @@ std::optional<bytes> pemContents(view text, std::initializer_list<std::string_vi
             return std::nullopt;
         }
         const std::string_view line = nextLine(rest);
-        const bool opens = line.starts_with(begin) && line.ends_with(dashes) &&
-                           line.size() > begin.size() + dashes.size();
+        const bool opens = line.starts_with(begin) && line.ends_with(dashes); // they cannot overlap
         label = opens ? line.substr(begin.size(), line.size() - begin.size() - dashes.size()) : "";
     } while (std::ranges::find(labels, label) == labels.end());
 
