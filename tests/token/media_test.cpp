@@ -2,8 +2,26 @@
 
 #include "medium.h"
 
+#include <fcntl.h>
 #include <optional>
 #include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+std::chrono::nanoseconds slept{};
+std::function<void()> meanwhile; // if any, happens in place of a sleep
+
+} // namespace
+
+int nanosleep(const timespec* time, timespec* left) {
+    if (!meanwhile) { return ::clock_nanosleep(CLOCK_REALTIME, 0, time, left); }
+    slept += std::chrono::seconds(time->tv_sec) + std::chrono::nanoseconds(time->tv_nsec);
+    return meanwhile(), 0;
+}
 
 namespace {
 
@@ -299,6 +317,7 @@ TEST(Key, MadeMeanwhileByAnotherMachineIsTheOnlyOne) {
 }
 
 TEST(Interface, RefusesWhatItDoesNotDo) {
+    makeSigner();
     const opened_key key;
     BYTE* out = nullptr;
     DWORD size = 0;
@@ -332,6 +351,84 @@ TEST(Interface, RefusesWhatItDoesNotDo) {
     EUFinalize();
     EXPECT_EQ(results(), std::vector<DWORD>(12, EU_ERROR_NOT_INITIALIZED));
     EXPECT_EQ(EUInitialize(), EU_ERROR_NONE);
+    now = {};
+    EXPECT_EQ(find(), EU_ERROR_NONE);
+    EUFinalize(); // forgets what was found
+    EXPECT_EQ(EUInitialize() + made::sign(), EU_ERROR_NONE);
+    EXPECT_EQ(now.searches, 3);
+}
+
+// Another process, which may hold one lock.
+class neighbour {
+public:
+    ~neighbour() { ::close(file); }
+    bool takes(short type, off_t start, off_t length) const {
+        struct flock lock {
+            type, SEEK_SET, start, length, 0
+        };
+        return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
+    }
+
+private:
+    const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+};
+
+TEST(Lock, IsWaitedForWithPatience) {
+    makeSigner();
+    cards[0].serial = std::to_string(::getpid()); // whose keys nobody else makes
+    struct stat self {};
+    ASSERT_EQ(::stat("/proc/self/exe", &self), 0);
+    // As processes know them that have another version of the library.
+    constexpr off_t all = 1L << 40;
+    const off_t lists = (1L << 60) + static_cast<off_t>(self.st_ino & 0x3FFFF) * (1L << 42),
+                logins = lists + (1L << 41),
+                keys = (1L << 61) + (std::hash<std::string>{}(cards[0].serial) & 0xFFFFFFFF);
+    enum habit { stays, leaves, changes }; // of the neighbour, after a second; or all the time
+    struct row {
+        habit how;
+        short type;
+        off_t start;
+        std::function<DWORD()> act;
+        std::chrono::seconds waits;
+        DWORD result = EU_ERROR_NONE;
+    };
+    const auto signs = [] { return sign(); };
+    off_t number = 0;
+    for (const auto& [how, type, start, act, waits, result] : {row{stays, F_WRLCK, lists, list, 5s},
+             {leaves, F_WRLCK, lists, list, 1s}, {stays, F_RDLCK, lists, list, 0s},
+             {changes, F_WRLCK, lists, list, 120s}, {stays, F_RDLCK, lists, signs, 5s},
+             {stays, F_RDLCK, logins, find, 0s}, {stays, F_WRLCK, logins, find, 30s},
+             {stays, F_RDLCK, logins, signs, 30s}, {leaves, F_WRLCK, logins, signs, 1s},
+             {stays, F_RDLCK, keys, [] { return generate(); }, 60s, EU_ERROR_KEY_MEDIAS_BUSY},
+             {stays, F_WRLCK, keys, [] { return destroy(); }, 60s, EU_ERROR_KEY_MEDIAS_BUSY},
+             {leaves, F_WRLCK, keys, [] { return destroy(); }, 1s}}) {
+        SCOPED_TRACE(number);
+        EXPECT_EQ(list(), EU_ERROR_NONE);
+        const neighbour beside;
+        const auto take = [&, type = type, start = start] {
+            return beside.takes(type, start, (start == keys ? 1 : all) + ++number);
+        };
+        EXPECT_TRUE(take());
+        slept = 0s;
+        meanwhile = [&, how = how, start = start] {
+            if (how == leaves && slept >= 1s) { beside.takes(F_UNLCK, start, 2 * all); }
+            if (how == changes) { take(); }
+        };
+        EXPECT_EQ(act(), result);
+        EXPECT_TRUE(slept > waits - 100ms && slept < waits + 100ms) << slept.count();
+    }
+    const neighbour beside, third;
+    EXPECT_TRUE(beside.takes(F_WRLCK, lists + all / 2, 1));
+    now = {.failAt = 1, .event = [&] { // what nobody else holds is held
+               EXPECT_FALSE(third.takes(F_WRLCK, lists, 1));
+               EXPECT_FALSE(third.takes(F_WRLCK, lists + all - 1, 1));
+           }};
+    meanwhile = [] {};
+    EXPECT_EQ(list(), EU_ERROR_NONE);
+    EXPECT_TRUE(third.takes(F_WRLCK, lists, all / 2));
+    cards = {{}};
+    EXPECT_EQ(list(), EU_ERROR_NONE);
+    meanwhile = nullptr;
 }
 
 constexpr int for_good = 1'000'000;
