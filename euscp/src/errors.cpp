@@ -8,8 +8,6 @@ namespace eu {
 
 DWORD codeOf(CK_RV result) {
     switch (result) {
-    case CKR_OK:
-        return EU_ERROR_NONE;
     case CKR_HOST_MEMORY:
         return EU_ERROR_MEMORY;
     case CKR_SLOT_ID_INVALID:

@@ -16,7 +16,7 @@ public:
     const DWORD code;
 };
 
-// The result code of a PKCS#11 result.
+// The result code of a PKCS#11 result other than CKR_OK.
 DWORD codeOf(CK_RV result);
 
 // Throws a failure unless the PKCS#11 call succeeded.

@@ -97,9 +97,7 @@ inline bytes sha256(view message) {
 // them.
 inline bool isSameKey(const EVP_PKEY* one, const EVP_PKEY* other) {
     const bool same = EVP_PKEY_eq(one, other) == 1;
-    if (!same) {
-        requireMemory();
-    }
+    requireMemory();
     return same;
 }
 

@@ -73,7 +73,7 @@ bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
 TEST(Cards, OfOneSerialAreToldApart) {
     using names = std::vector<std::string>;
     for (const auto& [labels, expected] :
-        std::map<names, names>{{{"A"}, {"4711"}}, {{"A", "B"}, {"4711/A", "4711/B"}},
+        std::map<names, names>{{{}, {}}, {{"A"}, {"4711"}}, {{"A", "B"}, {"4711/A", "4711/B"}},
             {{"B", "", "B", "\n"}, {"4711/B#2", "4711/", "4711/B#4"}}}) {
         cards = {{"not initialised", 0}, {"no serial", CKF_TOKEN_INITIALIZED, ""}};
         for (const auto& label : labels) { cards.push_back({label}); }
@@ -190,6 +190,7 @@ certificate certify(const extensions& usage = signing) {
 // as generated ones are.
 constexpr std::size_t strangers = 3;
 certificate makeSigner(const extensions& usage = signing) {
+    EXPECT_EQ(list(), EU_ERROR_NONE);
     empty();
     maintenance().create(certificateOf(der(issue(key(p256()).get(), other))));
     for (const bytes& id : {bytes(17, 1), bytes(18, 0)}) { // a KEP's, and one that is too long
@@ -306,14 +307,37 @@ TEST(Key, ThatMayNotSignComesLastAndCanBeRemoved) {
     EXPECT_EQ(sign(), EU_ERROR_NONE);
 }
 
+// With a destruction goes what a killed process had no time to complete, and nothing else.
+TEST(Key, ThatWasBegunIsCleared) {
+    makeSigner();
+    const bytes ds{'D', 'S'};
+    put({.certificate = {}, .tells = {{CKA_ID, bytes(17, 0)}, {CKA_LABEL, ds}}}, 0, false);
+    const object begun{{CKA_CLASS, number(CKO_PUBLIC_KEY)}, {CKA_TOKEN, {0}}},
+        ec{{CKA_KEY_TYPE, number(CKK_EC)}, {CKA_EC_PARAMS, {}}, {CKA_EC_POINT, {}}},
+        rsa{{CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_MODULUS, {}}, {CKA_PUBLIC_EXPONENT, {3}}};
+    const maintenance with;
+    for (const object& whole :
+        std::vector<object>{{}, {{CKA_TOKEN, {1}}}, {{CKA_LABEL, ds}}, {{CKA_ID, ds}}}) {
+        with.create(whole, begun, ec);
+        with.create(whole, begun, rsa);
+    }
+    with.create(object{{CKA_EC_PARAMS, ds}}, begun, ec);
+    with.create(object{{CKA_MODULUS, ds}}, begun, rsa);
+    EXPECT_EQ(destroy(), EU_ERROR_NONE);
+    EXPECT_EQ(count(), strangers + 8);
+}
+
 TEST(Key, MadeMeanwhileByAnotherMachineIsTheOnlyOne) {
     empty();
+    cards = {{.serial = "\xE9"}};
+    EXPECT_EQ(list(), EU_ERROR_NONE);
     now = {};
     EXPECT_EQ(generate(), EU_ERROR_NONE);
     empty();
     now = {.failAt = now.calls / 2, .event = [] { put({}); }};
     EXPECT_EQ(generate(), EU_ERROR_KEY_EXISTS);
     EXPECT_EQ(count(), 3U);
+    cards = {{}};
 }
 
 TEST(Interface, RefusesWhatItDoesNotDo) {
@@ -426,9 +450,8 @@ TEST(Lock, IsWaitedForWithPatience) {
     meanwhile = [] {};
     EXPECT_EQ(list(), EU_ERROR_NONE);
     EXPECT_TRUE(third.takes(F_WRLCK, lists, all / 2));
-    cards = {{}};
-    EXPECT_EQ(list(), EU_ERROR_NONE);
     meanwhile = nullptr;
+    cards = {{}};
 }
 
 constexpr int for_good = 1'000'000;

@@ -28,7 +28,8 @@ struct nature {
     std::map<CK_MECHANISM_TYPE, CK_ULONG> offers{}; // up to that key size, if not what SoftHSM does
     CK_ATTRIBUTE_TYPE insists = 0;                  // what all key pairs have
     bool halves = false;  // pairs whose generation fails leave their private key
-    bool isCurt = false;  // tells nothing where an object lacks one of the attributes
+    bool isCurt = false;  // tells nothing where an object lacks one of the attributes, and of its
+                          // kind of key only half
     bool forgets = false; // it is given objects of a session, which is faster
 } token;
 
@@ -198,9 +199,14 @@ CK_FUNCTION_LIST* onlyModule() {
         if (token.isCurt && result == CKR_ATTRIBUTE_TYPE_INVALID) {
             std::ranges::copy(before, asked);
         }
+        const auto kind =
+            std::ranges::find(asked, asked + count, CKA_KEY_TYPE, &CK_ATTRIBUTE::type);
+        if (token.isCurt && kind != asked + count) { kind->ulValueLen = sizeof(CK_ULONG) / 2; }
         return result;
     };
-    module.C_Initialize = [](void*) { return CK_RV{CKR_OK}; }; // it has been
+    module.C_Initialize = [](void* with) { // it has been
+        return CK_RV{with != nullptr ? CKR_OK : CKR_ARGUMENTS_BAD};
+    };
     module.C_GenerateKeyPair = generatePair;
     using list = CK_FUNCTION_LIST;
     wrap<&list::C_GetSlotList, &list::C_GetTokenInfo, &list::C_GetMechanismInfo,

@@ -4,25 +4,34 @@ namespace eu {
 
 namespace {
 
+using string_ptr = owned<ASN1_STRING, ASN1_STRING_free>;
 using request_ptr = owned<X509_REQ, X509_REQ_free>;
 using algorithm_ptr = owned<X509_ALGOR, X509_ALGOR_free>;
 
-// A text that is no UTF-8 counts as Latin-1; one that the attribute's own string type cannot hold
-// is kept as it is.
-void addName(X509_NAME* name, int attribute, const std::string& text) {
-    const auto add = [&](int type) {
-        return X509_NAME_add_entry_by_NID(
-            name,
-            attribute,
-            type,
-            reinterpret_cast<const unsigned char*>(text.data()),
-            static_cast<int>(text.size()),
-            -1,
-            0);
+// A text as UTF-8; what is none counts as Latin-1.
+string_ptr utf8Of(const std::string& text) {
+    ASN1_STRING* utf8 = nullptr;
+    const auto convert = [&](int from) {
+        const auto* start = reinterpret_cast<const unsigned char*>(text.data());
+        const int length = static_cast<int>(text.size());
+        return ASN1_mbstring_copy(&utf8, start, length, from, B_ASN1_UTF8STRING) > 0;
     };
-    if (!text.empty() && add(MBSTRING_UTF8) != 1 && add(MBSTRING_ASC) != 1) {
-        succeed(add(V_ASN1_UTF8STRING));
+    succeed(convert(MBSTRING_UTF8) || convert(MBSTRING_ASC));
+    return string_ptr(utf8);
+}
+
+// A text that the attribute's own string type cannot hold stands there as UTF-8.
+void addName(X509_NAME* name, int attribute, const std::string& text) {
+    if (text.empty()) {
+        return;
     }
+    const auto utf8 = utf8Of(text);
+    const view encoding = content(utf8.get());
+    const auto add = [&](int type) {
+        const int length = static_cast<int>(encoding.size());
+        return X509_NAME_add_entry_by_NID(name, attribute, type, encoding.data(), length, -1, 0);
+    };
+    succeed(add(MBSTRING_UTF8) == 1 || add(V_ASN1_UTF8STRING) == 1);
 }
 
 void releaseExtensions(STACK_OF(X509_EXTENSION) * list) {

@@ -8,6 +8,7 @@
 
 namespace eu {
 
+// Texts in UTF-8; those that are none count as Latin-1.
 struct request_subject {
     std::string commonName; // left out if empty
     std::string serialNumber;

@@ -143,15 +143,17 @@ pkcs11_module::~pkcs11_module() {
 }
 
 bool pkcs11_module::start() {
+    // One that was started already, under another name or by another part of the process, serves.
+    const auto serves = [](CK_RV each) {
+        return each == CKR_CRYPTOKI_ALREADY_INITIALIZED || worked(each);
+    };
     if (!result) {
         result = initialize();
-        require(result != CKR_HOST_MEMORY, EU_ERROR_MEMORY);
-        if (*result != CKR_OK && *result != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+        if (!serves(*result)) {
             tell(std::string("not started: ").append(describe(codeOf(*result))));
         }
     }
-    // One that was started already, under another name or by another part of the process, serves.
-    return *result == CKR_OK || *result == CKR_CRYPTOKI_ALREADY_INITIALIZED;
+    return serves(*result);
 }
 
 void pkcs11_module::tell(const std::string& what) const {
