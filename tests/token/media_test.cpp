@@ -365,15 +365,15 @@ TEST(Interface, RefusesWhatItDoesNotDo) {
     const auto results = [&] {
         return std::vector{sign(2, 1), signFile(2, 1), own(2, 1, &info), own(1, 2, &info),
             own(1, 1, nullptr), sign(1, 0), signFile(1, 0), verify(&size, 0, nullptr),
-            verify(nullptr, 1, nullptr), verify(nullptr, 0, &size),
+            verify(nullptr, 1, nullptr), verify(nullptr, 0, &size), generate(right, nullptr, &size),
             EUEnumKeyMediaTypes(1, &text[0]), EUEnumKeyMediaDevices(1, 0, &text[0])};
     };
-    std::vector<DWORD> expected(12, EU_WARNING_END_OF_ENUM);
-    std::fill_n(expected.begin(), 10, EU_ERROR_NOT_SUPPORTED);
+    std::vector<DWORD> expected(13, EU_WARNING_END_OF_ENUM);
+    std::fill_n(expected.begin(), 11, EU_ERROR_NOT_SUPPORTED);
     std::fill_n(expected.begin(), 5, EU_ERROR_BAD_PARAMETER);
     EXPECT_EQ(results(), expected);
     EUFinalize();
-    EXPECT_EQ(results(), std::vector<DWORD>(12, EU_ERROR_NOT_INITIALIZED));
+    EXPECT_EQ(results(), std::vector<DWORD>(13, EU_ERROR_NOT_INITIALIZED));
     EXPECT_EQ(EUInitialize(), EU_ERROR_NONE);
     now = {};
     EXPECT_EQ(find(), EU_ERROR_NONE);

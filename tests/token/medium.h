@@ -270,13 +270,14 @@ DWORD sign(bytes* made = nullptr, const EU_KEY_MEDIA& media = right) {
     return with.result == EU_ERROR_NONE ? with.sign(made) : with.result;
 }
 
-DWORD generate(const EU_KEY_MEDIA& media = right, bytes* request = nullptr) {
+DWORD generate(
+    const EU_KEY_MEDIA& media = right, bytes* request = nullptr, const void* parameters = nullptr) {
     BYTE *ds = nullptr, *kep = nullptr;
     DWORD dsSize = 0, kepSize = 0;
     std::array<std::array<char, EU_REQUEST_NAME_SIZE>, 2> names{};
-    const DWORD result = EUGeneratePrivateKeyEx(&media, 1, 1, 2, 2, nullptr, 0, 2, nullptr, nullptr,
-        nullptr, nullptr, nullptr, nullptr, nullptr, &ds, &dsSize, names[0].data(), &kep, &kepSize,
-        names[1].data(), nullptr, nullptr, nullptr);
+    const DWORD result = EUGeneratePrivateKeyEx(&media, 1, 1, 2, 2, nullptr, 0, 2, parameters,
+        nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &ds, &dsSize, names[0].data(), &kep,
+        &kepSize, names[1].data(), nullptr, nullptr, nullptr);
     EXPECT_STREQ(names[0].data(), result == EU_ERROR_NONE ? "DS.p10" : "");
     EXPECT_STREQ(names[1].data(), result == EU_ERROR_NONE ? "KEP.p10" : "");
     if (request != nullptr) { request->assign(ds, ds + dsSize); }
