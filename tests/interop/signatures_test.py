@@ -151,7 +151,7 @@ ACCEPTED = [  # a row may have several particulars
     (TIMED, two, "other"),
     (TIMED, many, der["rsa"]),
     (TIMED, pem(edited(cades, clutter), "PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
-    (TIMED, pem(edited(plain, lambda *_: None, "long"), around=b"text"), "rsa"),
+    (TIMED, pem(edited(plain, lambda *_: None, "long"), around=b"text-----"), "rsa"),
     (TIMED, edited(plain, lambda *_: None, "indefinite"), "rsa"),
     (TIMED, edited(listless, lambda _, signer: signer.inside.append(element(0xA1, octets))), "ec"),
     (TIMED, put(cades, oid(RSA + "11"), 4, 0), pem(octets.inside, "X509 CRL") + pem(
