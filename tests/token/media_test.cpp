@@ -382,20 +382,14 @@ TEST(Interface, RefusesWhatItDoesNotDo) {
     EXPECT_EQ(now.searches, 3);
 }
 
-// Another process, which may hold one lock.
-class neighbour {
-public:
-    ~neighbour() { ::close(file); }
-    bool takes(short type, off_t start, off_t length) const {
-        struct flock lock {
-            type, SEEK_SET, start, length, 0
-        };
-        return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
-    }
-
-private:
-    const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-};
+// Whether a lock is had, or let go, by another holder than the library, as another process would
+// be.
+bool takes(int file, short type, off_t start, off_t length) {
+    struct flock lock {
+        type, SEEK_SET, start, length, 0
+    };
+    return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
+}
 
 TEST(Lock, IsWaitedForWithPatience) {
     makeSigner();
@@ -406,8 +400,10 @@ TEST(Lock, IsWaitedForWithPatience) {
     constexpr off_t all = 1L << 40;
     const off_t lists = (1L << 60) + static_cast<off_t>(self.st_ino & 0x3FFFF) * (1L << 42),
                 logins = lists + (1L << 41),
-                keys = (1L << 61) + (std::hash<std::string>{}(cards[0].serial) & 0xFFFFFFFF);
-    enum habit { stays, leaves, changes }; // of the neighbour, after a second; or all the time
+                keys = (1L << 61) +
+                       static_cast<off_t>(std::hash<std::string>{}(cards[0].serial) & 0xFFFFFFFF);
+    const int holder = ::open("/dev/null", O_RDWR), third = ::open("/dev/null", O_RDWR);
+    enum habit { stays, leaves, changes }; // of the other holder, after a second; or all the time
     struct row {
         habit how;
         short type;
@@ -428,28 +424,29 @@ TEST(Lock, IsWaitedForWithPatience) {
              {leaves, F_WRLCK, keys, [] { return destroy(); }, 1s}}) {
         SCOPED_TRACE(number);
         EXPECT_EQ(list(), EU_ERROR_NONE);
-        const neighbour beside;
         const auto take = [&, type = type, start = start] {
-            return beside.takes(type, start, (start == keys ? 1 : all) + ++number);
+            return takes(holder, type, start, (start == keys ? 1 : all) + ++number);
         };
         EXPECT_TRUE(take());
         slept = 0s;
-        meanwhile = [&, how = how, start = start] {
-            if (how == leaves && slept >= 1s) { beside.takes(F_UNLCK, start, 2 * all); }
+        meanwhile = [&, how = how] {
+            if (how == leaves && slept >= 1s) { takes(holder, F_UNLCK, 0, 0); }
             if (how == changes) { take(); }
         };
         EXPECT_EQ(act(), result);
         EXPECT_TRUE(slept > waits - 100ms && slept < waits + 100ms) << slept.count();
+        takes(holder, F_UNLCK, 0, 0);
     }
-    const neighbour beside, third;
-    EXPECT_TRUE(beside.takes(F_WRLCK, lists + all / 2, 1));
+    EXPECT_TRUE(takes(holder, F_WRLCK, lists + all / 2, 1));
     now = {.failAt = 1, .event = [&] { // what nobody else holds is held
-               EXPECT_FALSE(third.takes(F_WRLCK, lists, 1));
-               EXPECT_FALSE(third.takes(F_WRLCK, lists + all - 1, 1));
+               EXPECT_FALSE(takes(third, F_WRLCK, lists, 1));
+               EXPECT_FALSE(takes(third, F_WRLCK, lists + all - 1, 1));
            }};
     meanwhile = [] {};
     EXPECT_EQ(list(), EU_ERROR_NONE);
-    EXPECT_TRUE(third.takes(F_WRLCK, lists, all / 2));
+    EXPECT_TRUE(takes(third, F_WRLCK, lists, all / 2));
+    ::close(holder);
+    ::close(third);
     meanwhile = nullptr;
     cards = {{}};
 }
