@@ -71,8 +71,11 @@ def file_calls():
         check(smooth.out in ("DONE", "PASSED"), smooth.what)
         whole = (smooth.folder / "target!").stat().st_size
         named = rf'{smooth.folder}/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
-        points = [(call, number) for call, number, rest in place.system_calls()
+        calls = [*place.system_calls()]
+        points = [(call, number) for call, number, rest in calls
                   if call != "execve" and re.search(named, rest)]
+        synced = sum(call == "fsync" and f"{smooth.folder}" in rest for call, _, rest in calls)
+        check("create-ext" not in command or synced == 2, "a power cut may lose a signature")
         for (call, number), how in itertools.product(points, CALL_FAULTS):
             run = Run(command, place.traced("-e", f"inject={call}:{how}:when={number}"), libraries)
             injected = any(name == call and rest.endswith("(INJECTED)")
