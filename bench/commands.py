@@ -6,7 +6,7 @@ import pathlib
 from dataclasses import replace
 
 from measure import Command
-from setting import PIN, PROGRAM
+from setting import PIN, PROGRAM, key
 
 SOFTHSM = "/usr/lib/softhsm/libsofthsm2.so"
 USAGE = pathlib.Path(__file__).parents[1] / "tests/tool/usage.txt"
@@ -110,7 +110,7 @@ def digest(data):
 
 def make(serial, module=SOFTHSM):
     """A key, of two pairs; for the peer one pair."""
-    return [velmora(f"key create {serial} {PIN} ds kep req.zip", equals("DONE\n")),
+    return [velmora(" ".join(key("create", serial)), equals("DONE\n")),
             pkcs11_tool(f"--login --pin {PIN} --keypairgen --key-type EC:prime256v1 --label pair",
                         holds("Key pair generated"), module)]
 
