@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
+#include <initializer_list>
 #include <openssl/core_names.h>
 #include <string_view>
 
@@ -31,6 +33,19 @@ std::pair<Owner, bool> extension(const X509* certificate, int name) {
         requireMemory();
     }
     return {Owner(value), found != absent};
+}
+
+// The bits of a key usage, as RFC 5280 numbers them.
+constexpr int digital_signature = 0;
+constexpr int non_repudiation = 1;
+
+bool allowsAny(const X509* certificate, std::initializer_list<int> uses) {
+    const auto [usage, present] =
+        extension<owned<ASN1_BIT_STRING, ASN1_BIT_STRING_free>>(certificate, NID_key_usage);
+    const auto isAllowed = [bits = usage.get()](int use) {
+        return ASN1_BIT_STRING_get_bit(bits, use) == 1;
+    };
+    return usage ? std::ranges::any_of(uses, isAllowed) : !present;
 }
 
 bignum_ptr number(const EVP_PKEY* key, const char* name) {
@@ -72,13 +87,25 @@ bool isAuthority(const X509* certificate) {
 }
 
 bool allowsSigning(const X509* certificate) {
-    constexpr int digital_signature = 0; // the bits as RFC 5280 numbers them
-    constexpr int non_repudiation = 1;
-    const auto [usage, present] =
-        extension<owned<ASN1_BIT_STRING, ASN1_BIT_STRING_free>>(certificate, NID_key_usage);
-    return usage ? ASN1_BIT_STRING_get_bit(usage.get(), digital_signature) == 1 ||
-                       ASN1_BIT_STRING_get_bit(usage.get(), non_repudiation) == 1
-                 : !present;
+    return allowsAny(certificate, {digital_signature, non_repudiation});
+}
+
+bool allowsNonRepudiation(const X509* certificate) {
+    return allowsAny(certificate, {non_repudiation});
+}
+
+bool isOfCardItself(const X509* certificate) {
+    const auto [usages, present] = extension<owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>>(
+        certificate,
+        NID_ext_key_usage);
+    for (int i = 0; i < sk_ASN1_OBJECT_num(usages.get()); ++i) {
+        std::array<char, 32> text{};
+        OBJ_obj2txt(text.data(), text.size(), sk_ASN1_OBJECT_value(usages.get(), i), 1);
+        if (std::strcmp(text.data(), "2.16.840.1.101.3.6.8") == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool validAt(const X509* certificate, std::time_t moment) {

@@ -13,11 +13,20 @@ namespace eu {
 // Throws EU_ERROR_CERT_FORMAT, or EU_ERROR_CERT_SIZE for more than 64 KiB.
 x509_ptr parseCertificate(view encoding);
 
+// What a certificate's extensions say. Each of the four throws EU_ERROR_MEMORY where one
+// cannot be read for lack of memory, which is no answer.
+
 // Whether the basic constraints, if the certificate has any, make it an authority's.
 bool isAuthority(const X509* certificate);
 
-// Whether the key usage, if the certificate has one, allows signing.
+// Whether the key usage, if the certificate has one, allows signing, in whatever sense.
 bool allowsSigning(const X509* certificate);
+
+// The same for signatures that bind their maker.
+bool allowsNonRepudiation(const X509* certificate);
+
+// Whether a card lets anybody use the certificate's key, to tell the card itself (FIPS 201-3).
+bool isOfCardItself(const X509* certificate);
 
 bool validAt(const X509* certificate, std::time_t moment);
 

@@ -4,7 +4,6 @@
 #include "token/key_name.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <set>
@@ -28,37 +27,17 @@ x509_ptr parsed(view der) {
     return certificate;
 }
 
-// Whether a card lets anybody use the certificate's key, to tell the card itself (FIPS 201-3).
-bool isOfCardItself(X509* certificate) {
-    const owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free> usages(
-        static_cast<EXTENDED_KEY_USAGE*>(
-            X509_get_ext_d2i(certificate, NID_ext_key_usage, nullptr, nullptr)));
-    for (int i = 0; i < sk_ASN1_OBJECT_num(usages.get()); ++i) {
-        std::array<char, 32> text{};
-        OBJ_obj2txt(text.data(), text.size(), sk_ASN1_OBJECT_value(usages.get(), i), 1);
-        if (std::strcmp(text.data(), "2.16.840.1.101.3.6.8") == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool mayUse(X509* certificate) {
+bool mayUse(const X509* certificate) {
     return allowsSigning(certificate) && !isOfCardItself(certificate);
-}
-
-bool allowsNonRepudiation(X509* certificate) {
-    constexpr int bit = 1;
-    const owned<ASN1_BIT_STRING, ASN1_BIT_STRING_free> usage(static_cast<ASN1_BIT_STRING*>(
-        X509_get_ext_d2i(certificate, NID_key_usage, nullptr, nullptr)));
-    return !usage || ASN1_BIT_STRING_get_bit(usage.get(), bit) == 1;
 }
 
 // Whether to take the first of two certificates of one key: one that allows signing before one that
 // does not, then one valid now, then the one that ends last.
-bool isBetter(X509* one, X509* other) {
+bool isBetter(const X509* one, const X509* other) {
     const std::time_t now = std::time(nullptr);
-    const auto merits = [now](X509* each) { return std::pair(mayUse(each), validAt(each, now)); };
+    const auto merits = [now](const X509* each) {
+        return std::pair(mayUse(each), validAt(each, now));
+    };
     if (merits(one) != merits(other)) {
         return merits(one) > merits(other);
     }
