@@ -34,9 +34,10 @@ bool arePair(
     if (on.number(privateKey, CKA_KEY_TYPE) != kind) {
         return false;
     }
+    const bool asksAgain = on.flag(privateKey, CKA_ALWAYS_AUTHENTICATE);
     constexpr std::array<unsigned char, 4> message{'p', 'a', 'i', 'r'};
     try {
-        signedBy(on, privateKey, publicKey, password, message);
+        signedBy(on, privateKey, publicKey, password, asksAgain, message);
         return true;
     } catch (const failure& e) {
         require(e.code == EU_ERROR_KEY_BAD_SIGNATURE, e.code);

@@ -146,11 +146,14 @@ key_pair generation::makePair(purpose use) {
 
 bytes generation::requestFor(const key_pair& pair, purpose use) const {
     const auto publicKey = publicKeyOf(on, pair.publicKey);
+    const bool asksAgain = on.flag(pair.privateKey, CKA_ALWAYS_AUTHENTICATE);
     return makeRequest(
         publicKey.get(),
         {.commonName = on.medium().label, .serialNumber = on.medium().serial},
         keyUsage(kind, use),
-        [&](view message) { return signedBy(on, pair.privateKey, publicKey.get(), pin, message); });
+        [&](view message) {
+            return signedBy(on, pair.privateKey, publicKey.get(), pin, asksAgain, message);
+        });
 }
 
 void generation::publish(CK_OBJECT_HANDLE publicKey) {

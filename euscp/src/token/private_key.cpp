@@ -53,10 +53,11 @@ bytes rawSignature(
     const session& on,
     CK_OBJECT_HANDLE privateKey,
     const secret& password,
+    bool asksAgain,
     signing_step step) {
     CK_MECHANISM with{step.mechanism, nullptr, 0};
     check(on.call().C_SignInit(on.handle(), &with, privateKey));
-    if (on.flag(privateKey, CKA_ALWAYS_AUTHENTICATE)) {
+    if (asksAgain) {
         on.loginForSignature(password.text());
     }
     bytes signature(2048); // room for RSA of 16384 bits
@@ -88,9 +89,14 @@ bytes signedBy(
     CK_OBJECT_HANDLE privateKey,
     EVP_PKEY* publicKey,
     const secret& password,
+    bool asksAgain,
     view message) {
-    bytes signature =
-        rawSignature(on, privateKey, password, signingStep(on.medium(), publicKey, message));
+    bytes signature = rawSignature(
+        on,
+        privateKey,
+        password,
+        asksAgain,
+        signingStep(on.medium(), publicKey, message));
     if (EVP_PKEY_is_a(publicKey, "EC") == 1) {
         signature = ecdsaDer(signature);
     }
@@ -163,7 +169,7 @@ void private_key::open() {
 bytes private_key::sign(view message) {
     return watched(on, [&] {
         return attempt([&](const session& with) {
-            return signedBy(with, object, opened.get(), password, message);
+            return signedBy(with, object, opened.get(), password, asksAgain, message);
         });
     });
 }

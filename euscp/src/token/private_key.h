@@ -24,13 +24,15 @@ private:
 };
 
 // Signs a message with a private key of a logged-in session, with SHA-256: ECDSA (as DER) or
-// RSASSA-PKCS1-v1_5 (RFC 8017). A key that wants the password for each signature gets it. The
-// signature is verified before it is returned (EU_ERROR_KEY_BAD_SIGNATURE).
+// RSASSA-PKCS1-v1_5 (RFC 8017). A key that asks again, for the password at each signature
+// (CKA_ALWAYS_AUTHENTICATE), gets it. The signature is verified before it is returned
+// (EU_ERROR_KEY_BAD_SIGNATURE).
 bytes signedBy(
     const session& on,
     CK_OBJECT_HANDLE privateKey,
     EVP_PKEY* publicKey,
     const secret& password,
+    bool asksAgain,
     view message);
 
 // What a token shows without a password, and the session that saw it, in which its key can be
