@@ -55,8 +55,9 @@ void requireGiven(std::initializer_list<const void*> arguments) {
     }
 }
 
-void requireUnused(std::initializer_list<bool> unused) {
-    require(std::ranges::find(unused, false) == unused.end(), EU_ERROR_NOT_SUPPORTED);
+template <class... Argument>
+void requireUnused(Argument... unused) {
+    require(((unused == Argument{}) && ...), EU_ERROR_NOT_SUPPORTED);
 }
 
 // Copies a text into a caller's buffer, which is larger than any that is handed out.
@@ -244,13 +245,7 @@ DWORD EUVerifyDataWithParams(
     EU_SIGN_INFO* pInfo) {
     return serve([&] {
         requireGiven({pbData, pbSignature, pbCertificate, pInfo});
-        requireUnused(
-            {pvHash == nullptr,
-             dwHashLength == 0,
-             dwSignIndex == 0,
-             pvParams == nullptr,
-             dwParamsLength == 0,
-             pvSettings == nullptr});
+        requireUnused(pvHash, dwHashLength, dwSignIndex, pvParams, dwParamsLength, pvSettings);
         const verified result = verify(
             {pbData, dwDataLength},
             {pbSignature, dwSignatureLength},
@@ -295,19 +290,17 @@ DWORD EUGeneratePrivateKeyEx(
     return serve([&] {
         requireGiven(
             {pKeyMedia, ppbDsRequest, pdwDsRequestLength, ppbKepRequest, pdwKepRequestLength});
-        for (const void* unused : std::initializer_list<const void*>{
-                 pvInternationalParams,
-                 ppbPrivateKey,
-                 pdwPrivateKeyLength,
-                 ppbPrivateKeyInfo,
-                 pdwPrivateKeyInfoLength,
-                 pvOwner,
-                 pvExtensions,
-                 ppbInternationalRequest,
-                 pdwInternationalRequestLength,
-                 pszInternationalName}) {
-            require(unused == nullptr, EU_ERROR_NOT_SUPPORTED);
-        }
+        requireUnused(
+            pvInternationalParams,
+            ppbPrivateKey,
+            pdwPrivateKeyLength,
+            ppbPrivateKeyInfo,
+            pdwPrivateKeyInfoLength,
+            pvOwner,
+            pvExtensions,
+            ppbInternationalRequest,
+            pdwInternationalRequestLength,
+            pszInternationalName);
         const token& medium = mediumOf(*pKeyMedia);
         key_requests requests =
             watched(medium, [&] { return generateKeys(medium, passwordOf(*pKeyMedia)); });
