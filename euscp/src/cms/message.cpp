@@ -33,9 +33,9 @@ auto decoding(const ASN1_ITEM* item) {
     };
 }
 
-bytes encodedAttributes(const attribute_list& attributes, const ASN1_ITEM* item) {
+bytes encodedAttributes(const STACK_OF(X509_ATTRIBUTE) * attributes, const ASN1_ITEM* item) {
     return encoded(
-        reinterpret_cast<const ASN1_VALUE*>(attributes.get()),
+        reinterpret_cast<const ASN1_VALUE*>(attributes),
         [item](const ASN1_VALUE* value, unsigned char** out) {
             return ASN1_item_i2d(value, out, item);
         });
@@ -177,11 +177,14 @@ attribute_list parseAttributes(view contents) {
     return list;
 }
 
-bytes signedEncoding(const attribute_list& attributes) {
-    bytes encoding = encodedAttributes(attributes, ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY)); // in order
-    require(
-        encoding == encodedAttributes(attributes, ASN1_ITEM_rptr(PKCS7_ATTR_SIGN)), // sorted
-        EU_ERROR_SIGN_ATTRIBUTE_ORDER);
+bytes signedEncoding(const STACK_OF(X509_ATTRIBUTE) * attributes) {
+    return encodedAttributes(attributes, ASN1_ITEM_rptr(PKCS7_ATTR_SIGN)); // sorts
+}
+
+bytes orderedEncoding(const STACK_OF(X509_ATTRIBUTE) * attributes) {
+    bytes encoding =
+        encodedAttributes(attributes, ASN1_ITEM_rptr(PKCS7_ATTR_VERIFY)); // as they stand
+    require(encoding == signedEncoding(attributes), EU_ERROR_SIGN_ATTRIBUTE_ORDER);
     return encoding;
 }
 

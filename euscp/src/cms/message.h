@@ -77,9 +77,12 @@ signer_ptr nextSigner(view& signers);
 // for attributes that are malformed, too many or of the same type.
 attribute_list parseAttributes(view contents);
 
-// The attributes as they are signed: a SET OF in DER (RFC 5652, 5.4).
-// Throws EU_ERROR_SIGN_ATTRIBUTE_ORDER for attributes in another order.
-bytes signedEncoding(const attribute_list& attributes);
+// The attributes as they are signed: a SET OF in DER (RFC 5652, 5.4), which sorts them.
+bytes signedEncoding(const STACK_OF(X509_ATTRIBUTE) * attributes);
+
+// The same for attributes that stand in this order already.
+// Throws EU_ERROR_SIGN_ATTRIBUTE_ORDER for attributes in another.
+bytes orderedEncoding(const STACK_OF(X509_ATTRIBUTE) * attributes);
 
 // The first certificate that a signing-certificate attribute names.
 // Throws EU_ERROR_SIGN_ATTRIBUTE_FORMAT.

@@ -1,6 +1,7 @@
 #include "cms/signing.h"
 
 #include "cms/certificate.h"
+#include "cms/message.h"
 
 namespace eu {
 
@@ -10,7 +11,6 @@ void addAttribute(CMS_SignerInfo* signer, int attribute, int type, const void* v
     succeed(CMS_signed_add1_attr_by_NID(signer, attribute, type, value, size));
 }
 
-// The signed attributes as they are signed: a SET OF in DER (RFC 5652, 5.4).
 bytes signedAttributes(const CMS_SignerInfo* signer) {
     const auto set = taken<owned<STACK_OF(X509_ATTRIBUTE), [](STACK_OF(X509_ATTRIBUTE) * list) {
         sk_X509_ATTRIBUTE_free(list);
@@ -18,11 +18,7 @@ bytes signedAttributes(const CMS_SignerInfo* signer) {
     for (int i = 0; i < CMS_signed_get_attr_count(signer); ++i) {
         succeed(sk_X509_ATTRIBUTE_push(set.get(), CMS_signed_get_attr(signer, i)));
     }
-    return encoded(
-        reinterpret_cast<const ASN1_VALUE*>(set.get()),
-        [](const ASN1_VALUE* value, unsigned char** out) {
-            return ASN1_item_i2d(value, out, ASN1_ITEM_rptr(PKCS7_ATTR_SIGN));
-        });
+    return signedEncoding(set.get());
 }
 
 } // namespace

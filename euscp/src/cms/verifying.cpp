@@ -231,7 +231,7 @@ std::optional<SYSTEMTIME> verifiedSigningTime(
         return std::nullopt;
     }
     const attribute_list attributes = parseAttributes(contentsOf(signer.signedAttributes));
-    const bytes digest = hash(signedEncoding(attributes), scheme.digest);
+    const bytes digest = hash(orderedEncoding(attributes.get()), scheme.digest);
     checkSignature(digest, content(signer.signature), scheme, by.key);
     checkSigningCertificate(attributes, NID_id_smime_aa_signingCertificate, by.certificate.get());
     checkSigningCertificate(attributes, NID_id_smime_aa_signingCertificateV2, by.certificate.get());
