@@ -39,8 +39,7 @@ constexpr described texts[] = {
      "instead of the user's password (CKR_USER_TYPE_INVALID)"},
     {EU_ERROR_KEY_MEDIAS_GENERATION_REFUSED,
      "the key medium makes no key of this kind and name with the user's password: make one with "
-     "its "
-     "maker's tool (CKR_ATTRIBUTE_VALUE_INVALID)"},
+     "its maker's tool (CKR_ATTRIBUTE_VALUE_INVALID)"},
     {EU_ERROR_KEY_EXISTS, "the key medium already holds a signing key"},
     {EU_ERROR_KEY_NOT_FOUND, "the key medium holds no signing key with exactly one private key"},
     {EU_ERROR_KEY_NOT_SUPPORTED, "the key is neither RSA nor on the curve P-256, P-384 or P-521"},

@@ -120,14 +120,14 @@ descriptor target::open() {
 
 // Why an open file is not to be written in place, or null.
 const char* target::obstacleTo(const struct stat& opened) const {
-    const bool shared = (around.st_mode & others_write) != 0;
+    const bool othersWrite = (around.st_mode & others_write) != 0;
     if ((opened.st_mode & (S_ISUID | S_ISGID)) != 0) {
         return "a file with set-id bits";
     }
     if (isInSharedFolder() && S_ISREG(opened.st_mode) && opened.st_nlink > 1) {
         return "a file with other names in a shared folder";
     }
-    if (shared && (around.st_mode & S_ISVTX) != 0 && opened.st_uid != geteuid()) {
+    if (othersWrite && (around.st_mode & S_ISVTX) != 0 && opened.st_uid != geteuid()) {
         return "somebody else's file in a shared folder";
     }
     return nullptr;

@@ -142,6 +142,7 @@ void state_lock::takeAround(
     range_lock::range wanted,
     microseconds patience) {
     const off_t end = wanted.start + wanted.length;
+    // A holder's slot is a_token wide, however short its process number makes the range.
     const off_t heldEnd = held.start + std::max(held.length, a_token);
     if (wanted.start < held.start) {
         take(type, {wanted.start, held.start - wanted.start}, patience);
