@@ -28,6 +28,8 @@ struct released_by {
 template <class T, auto Release>
 using owned = std::unique_ptr<T, released_by<Release>>;
 
+using algorithm_ptr = owned<X509_ALGOR, X509_ALGOR_free>;
+using bignum_ptr = owned<BIGNUM, BN_free>;
 using bio_ptr = owned<BIO, BIO_free_all>;
 using cms_ptr = owned<CMS_ContentInfo, CMS_ContentInfo_free>;
 using pkey_ptr = owned<EVP_PKEY, EVP_PKEY_free>;
@@ -91,6 +93,10 @@ inline bytes hash(view message, const EVP_MD* digest) {
 
 inline bytes sha256(view message) {
     return hash(message, EVP_sha256());
+}
+
+inline bool isOnCurve(const EVP_PKEY* key) {
+    return EVP_PKEY_is_a(key, "EC") == 1;
 }
 
 // Whether two public keys are the same. Throws EU_ERROR_MEMORY if there is no memory to compare

@@ -42,9 +42,9 @@ int pssSaltLength(const X509_ALGOR* algorithm, const EVP_MD* digest) {
 
 // The kind of key by the name that its algorithm has in certificates.
 int kindOf(const EVP_PKEY* key) {
-    return EVP_PKEY_is_a(key, "RSA") == 1  ? NID_rsaEncryption
-           : EVP_PKEY_is_a(key, "EC") == 1 ? NID_X9_62_id_ecPublicKey
-                                           : NID_rsassaPss;
+    return EVP_PKEY_is_a(key, "RSA") == 1 ? NID_rsaEncryption
+           : isOnCurve(key)               ? NID_X9_62_id_ecPublicKey
+                                          : NID_rsassaPss;
 }
 
 struct algorithm_parts {

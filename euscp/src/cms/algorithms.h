@@ -7,8 +7,6 @@
 
 namespace eu {
 
-using algorithm_ptr = owned<X509_ALGOR, X509_ALGOR_free>;
-
 struct signature_scheme {
     const EVP_MD* digest;
     std::optional<int> pssSaltLength; // RSASSA-PSS if there is one

@@ -13,8 +13,6 @@ namespace eu {
 
 namespace {
 
-using bignum_ptr = owned<BIGNUM, BN_free>;
-
 std::string textIn(BIO* memory) {
     char* start = nullptr;
     const long size = BIO_get_mem_data(memory, &start);
@@ -121,8 +119,7 @@ bool isServed(const EVP_PKEY* key) {
     }
     std::array<char, 32> group{};
     std::size_t length = 0;
-    if (EVP_PKEY_is_a(key, "EC") != 1 ||
-        EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) != 1) {
+    if (!isOnCurve(key) || EVP_PKEY_get_group_name(key, group.data(), group.size(), &length) != 1) {
         return false;
     }
     constexpr std::array<std::string_view, 3> curves{"prime256v1", "secp384r1", "secp521r1"};

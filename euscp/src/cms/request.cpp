@@ -6,7 +6,6 @@ namespace {
 
 using string_ptr = owned<ASN1_STRING, ASN1_STRING_free>;
 using request_ptr = owned<X509_REQ, X509_REQ_free>;
-using algorithm_ptr = owned<X509_ALGOR, X509_ALGOR_free>;
 
 // A text as UTF-8; what is none counts as Latin-1.
 string_ptr utf8Of(const std::string& text) {
@@ -50,7 +49,7 @@ void addKeyUsage(X509_REQ* request, const char* keyUsage) {
 
 algorithm_ptr signatureAlgorithm(const EVP_PKEY* key) {
     auto algorithm = taken<algorithm_ptr>(X509_ALGOR_new());
-    const bool ec = EVP_PKEY_is_a(key, "EC") == 1;
+    const bool ec = isOnCurve(key);
     succeed(X509_ALGOR_set0(
         algorithm.get(),
         OBJ_nid2obj(ec ? NID_ecdsa_with_SHA256 : NID_sha256WithRSAEncryption),

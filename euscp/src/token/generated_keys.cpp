@@ -30,7 +30,7 @@ bool arePair(
     CK_OBJECT_HANDLE privateKey,
     EVP_PKEY* publicKey,
     const secret& password) {
-    const CK_KEY_TYPE kind = EVP_PKEY_is_a(publicKey, "EC") == 1 ? CKK_EC : CKK_RSA;
+    const CK_KEY_TYPE kind = isOnCurve(publicKey) ? CKK_EC : CKK_RSA;
     if (on.number(privateKey, CKA_KEY_TYPE) != kind) {
         return false;
     }

@@ -9,8 +9,6 @@ namespace eu {
 
 namespace {
 
-using bignum_ptr = owned<BIGNUM, BN_free>;
-
 // The DigestInfo that RSASSA-PKCS1-v1_5 pads.
 bytes digestInfo(view message) {
     const auto info = taken<owned<X509_SIG, X509_SIG_free>>(X509_SIG_new());
@@ -41,7 +39,7 @@ struct signing_step {
 // Tokens that hash as well are spared it: the plain mechanism is the one that all of them have.
 signing_step signingStep(const token& medium, const EVP_PKEY* key, view message) {
     const bytes whole(message.begin(), message.end());
-    if (EVP_PKEY_is_a(key, "EC") == 1) {
+    if (isOnCurve(key)) {
         return mechanism(medium, CKM_ECDSA) ? signing_step{CKM_ECDSA, sha256(message)}
                                             : signing_step{CKM_ECDSA_SHA256, whole};
     }
@@ -97,7 +95,7 @@ bytes signedBy(
         password,
         asksAgain,
         signingStep(on.medium(), publicKey, message));
-    if (EVP_PKEY_is_a(publicKey, "EC") == 1) {
+    if (isOnCurve(publicKey)) {
         signature = ecdsaDer(signature);
     }
     const auto context = taken<owned<EVP_MD_CTX, EVP_MD_CTX_free>>(EVP_MD_CTX_new());

@@ -9,7 +9,6 @@ namespace eu {
 
 namespace {
 
-using bignum_ptr = owned<BIGNUM, BN_free>;
 using parameter_build = owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
 
 pkey_ptr fromParameters(const char* algorithm, OSSL_PARAM_BLD* build) {
