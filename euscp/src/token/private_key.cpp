@@ -74,7 +74,6 @@ bool isAnyOf(std::initializer_list<CK_RV> results, DWORD code) {
 } // namespace
 
 secret::secret(std::string_view text) : length(text.size()) {
-    require(length < characters.size(), EU_ERROR_BAD_PARAMETER);
     std::ranges::copy(text, characters.begin());
 }
 
