@@ -17,7 +17,7 @@ public:
     // Writes a zip archive with two entries, the first one first, named as given and readable by
     // all (0644). An empty name, one of more than 65,535 bytes or not in UTF-8, and two equal names
     // fail. The folder of the archive is made if it is missing and the path is absolute; if it
-    // cannot be made, opening the archive decides. An archive that is there is replaced as a whole,
+    // cannot be made, writing the archive decides. An archive that is there is replaced as a whole,
     // and is left as it was on failure; one's own keeps its permissions, but for set-id bits, and
     // somebody else's gives way to a new file. The path is looked up once, when the requests that
     // go into the archive have been made already: an unsuitable one leaves them without an archive.

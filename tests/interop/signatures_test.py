@@ -202,6 +202,8 @@ REFUSED = [
     ("nobody signed", edited(rsa, lambda data, _: data[-1].inside.clear()), "rsa"),
     ("RSASSA-PSS are malformed or name several digests", put(pss, Element(5, b""), 4, 1), "rsa"),
     ("several digests", openssl(PSS + "-keyopt rsa_mgf1_md:sha512"), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, sequence(), 4, 1), "rsa"),
+    ("RSASSA-PSS are malformed", put(pss, sequence(oid(RSA + "8")), 4, 1, 1, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, Element(2, b"\xFE"), 4, 1, 2, 0), "rsa"),
     ("RSASSA-PSS are malformed", put(pss, element(0xA3, Element(2, b"\2")), 4, 1, 2), "rsa"),
     ("two different digests", put(rsa, oid(RSA + "13"), 4, 0), "rsa"),

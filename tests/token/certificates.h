@@ -42,15 +42,17 @@ inline EVP_PKEY* p256() { return EVP_EC_gen("P-256"); }
 using extensions = std::map<int, const char*>;
 inline const extensions signing{{NID_key_usage, "critical,digitalSignature"}};
 
-// A certificate for the public key, issued by a throw-away authority, valid for that many seconds.
-inline certificate issue(EVP_PKEY* subject, extensions with = signing, long seconds = 3600) {
+// A certificate for the public key, issued by a throw-away authority, valid between two times that
+// are so many seconds from now.
+inline certificate issue(
+    EVP_PKEY* subject, extensions with = signing, long end = 3600, long begin = -60) {
     static const key authority(p256());
     static long serial = 1000;
     certificate made(X509_new());
     X509_set_version(made.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(made.get()), ++serial);
-    X509_gmtime_adj(X509_getm_notBefore(made.get()), -60);
-    X509_gmtime_adj(X509_getm_notAfter(made.get()), seconds);
+    X509_gmtime_adj(X509_getm_notBefore(made.get()), begin);
+    X509_gmtime_adj(X509_getm_notAfter(made.get()), end);
     X509_NAME_add_entry_by_NID(X509_get_issuer_name(made.get()), NID_commonName, MBSTRING_ASC,
         reinterpret_cast<const unsigned char*>("Throw-away CA"), -1, -1, 0);
     X509_set_pubkey(made.get(), subject);

@@ -37,7 +37,7 @@ struct card_key {
     bool shared = false;                             // the identifier, with the first one
     int privateKeys = 1;
     object tells{};       // of its private key
-    bool renewed = false; // there is a certificate that ends later, and one that has ended
+    bool renewed = false; // there is a better certificate, and some that end last but will not do
     bool odd = false;     // its point begins as a shorter one would that is wrapped
     bool hidden = false;  // until a login
     const char* curve = "prime256v1";
@@ -52,10 +52,12 @@ bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
         pair.reset(p256());
     }
     const object all{{CKA_ID, number(with.shared ? 0 : id)}, {CKA_PRIVATE, {with.hidden}}};
-    for (const long end : with.renewed ? std::vector{3600L, 7200L, -1L} : std::vector{3600L}) {
-        if (!with.certificate) { break; }
-        bytes value = der(issue(pair.get(), *with.certificate, end));
-        if (end > 0) { best = value; }
+    for (const auto& [begin, end] : std::vector<std::pair<long, long>>{
+             {-60, 3600}, {-60, 7200}, {-60, -1}, {3600, 9999}, {-59, 9999}}) {
+        if (!with.certificate || (end != 3600 && !with.renewed)) { break; }
+        const auto& usage = begin == -59 ? other : *with.certificate;
+        bytes value = der(issue(pair.get(), usage, end, begin));
+        if (begin == -60 && end > 0) { best = value; }
         value.resize(2000); // a decoder stops before
         on.create(certificateOf(value), all);
     }
@@ -72,18 +74,25 @@ bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
 
 TEST(Cards, OfOneSerialAreToldApart) {
     using names = std::vector<std::string>;
-    for (const auto& [labels, expected] :
-        std::map<names, names>{{{}, {}}, {{"A"}, {"4711"}}, {{"A", "B"}, {"4711/A", "4711/B"}},
-            {{"B", "", "B", "\n"}, {"4711/B#2", "4711/", "4711/B#4"}}}) {
+    constexpr bool twice = true;
+    const std::string far = "4711/A#2@" + std::string(247, 'n'); // as long as a text may be
+    for (const auto& [at, labels, expected] :
+        std::vector<std::tuple<bool, names, names>>{{!twice, {}, {}}, {!twice, {"A"}, {"4711"}},
+            {!twice, {"A", "B"}, {"4711/A", "4711/B"}},
+            {!twice, {"B", "", "B", "\n"}, {"4711/B#2", "4711/", "4711/B#4"}},
+            {twice, {"A"}, {"4711/A#2@one", far}}, {twice, {"AB"}, {"4711/AB#2@one"}}}) {
+        token.isTwice = at;
         cards = {{"not initialised", 0}, {"no serial", CKF_TOKEN_INITIALIZED, ""}};
         for (const auto& label : labels) { cards.push_back({label}); }
         names texts;
         std::array<char, EU_DESCRIPTION_SIZE> text{};
         for (DWORD i = 0; EUEnumKeyMediaDevices(0, i, text.data()) == EU_ERROR_NONE; ++i) {
             texts.emplace_back(text.data());
+            cards.push_back({"plugged in meanwhile"});
         }
         EXPECT_EQ(texts, expected);
     }
+    token = {};
     cards = {{}};
 }
 
@@ -157,7 +166,12 @@ TEST(Cards, AreReadOnceAndInProportion) {
     EXPECT_EQ(sign(), EU_ERROR_NONE); // in the session that has seen the rest
     EXPECT_EQ(std::pair(now.searches, now.logins), std::pair(1, 1));
     EXPECT_EQ(sign(nullptr, medium("123")), EU_ERROR_PASSWORD_LENGTH);
+    token.longestPin = 5;
+    EXPECT_EQ(sign(), EU_ERROR_PASSWORD_LENGTH);
     EXPECT_EQ(now.logins, 1); // the card was not asked
+    token.longestPin = 6;
+    EXPECT_EQ(sign(), EU_ERROR_NONE);
+    EXPECT_EQ(sign(nullptr, medium("1234")), EU_ERROR_PASSWORD_INCORRECT);
 
     token.forgets = true;
     const maintenance with;
@@ -348,6 +362,9 @@ TEST(Interface, RefusesWhatItDoesNotDo) {
     EU_CERT_INFO_EX* info = nullptr;
     EU_SIGN_INFO signer{};
     std::array<char, EU_DESCRIPTION_SIZE> text{};
+    EU_KEY_MEDIA ofOtherType = right, pastTheLast = right, endless = right;
+    ofOtherType.dwTypeIndex = pastTheLast.dwDevIndex = 1;
+    std::ranges::fill(endless.szPassword, '1');
     const auto sign = [&](DWORD how, BOOL external) {
         return EUCtxSignData(key.key, how, &data[0], 1, external, 1, &out, &size);
     };
@@ -364,16 +381,18 @@ TEST(Interface, RefusesWhatItDoesNotDo) {
     };
     const auto results = [&] {
         return std::vector{sign(2, 1), signFile(2, 1), own(2, 1, &info), own(1, 2, &info),
-            own(1, 1, nullptr), sign(1, 0), signFile(1, 0), verify(&size, 0, nullptr),
-            verify(nullptr, 1, nullptr), verify(nullptr, 0, &size), generate(right, nullptr, &size),
-            EUEnumKeyMediaTypes(1, &text[0]), EUEnumKeyMediaDevices(1, 0, &text[0])};
+            own(1, 1, nullptr), destroy(ofOtherType), destroy(endless), sign(1, 0), signFile(1, 0),
+            verify(&size, 0, nullptr), verify(nullptr, 1, nullptr), verify(nullptr, 0, &size),
+            generate(right, nullptr, &size), EUEnumKeyMediaTypes(1, &text[0]),
+            EUEnumKeyMediaDevices(1, 0, &text[0]), destroy(pastTheLast)};
     };
-    std::vector<DWORD> expected(13, EU_WARNING_END_OF_ENUM);
-    std::fill_n(expected.begin(), 11, EU_ERROR_NOT_SUPPORTED);
-    std::fill_n(expected.begin(), 5, EU_ERROR_BAD_PARAMETER);
+    std::vector<DWORD> expected(16, EU_WARNING_END_OF_ENUM);
+    std::fill_n(expected.begin(), 13, EU_ERROR_NOT_SUPPORTED);
+    std::fill_n(expected.begin(), 7, EU_ERROR_BAD_PARAMETER);
+    expected.back() = EU_ERROR_KEY_MEDIAS_ACCESS_FAILED;
     EXPECT_EQ(results(), expected);
     EUFinalize();
-    EXPECT_EQ(results(), std::vector<DWORD>(13, EU_ERROR_NOT_INITIALIZED));
+    EXPECT_EQ(results(), std::vector<DWORD>(16, EU_ERROR_NOT_INITIALIZED));
     EXPECT_EQ(EUInitialize(), EU_ERROR_NONE);
     now = {};
     EXPECT_EQ(find(), EU_ERROR_NONE);
@@ -403,7 +422,8 @@ TEST(Lock, IsWaitedForWithPatience) {
                 keys = (1L << 61) +
                        static_cast<off_t>(std::hash<std::string>{}(cards[0].serial) & 0xFFFFFFFF);
     const int holder = ::open("/dev/null", O_RDWR), third = ::open("/dev/null", O_RDWR);
-    enum habit { stays, leaves, changes }; // of the other holder, after a second; or all the time
+    // The other holder, after a second; or all the time, in the way of the lists of both modules.
+    enum habit { stays, leaves, changes };
     struct row {
         habit how;
         short type;
@@ -416,7 +436,7 @@ TEST(Lock, IsWaitedForWithPatience) {
     off_t number = 0;
     for (const auto& [how, type, start, act, waits, result] : {row{stays, F_WRLCK, lists, list, 5s},
              {leaves, F_WRLCK, lists, list, 1s}, {stays, F_RDLCK, lists, list, 0s},
-             {changes, F_WRLCK, lists, list, 120s}, {stays, F_RDLCK, lists, signs, 5s},
+             {changes, F_WRLCK, lists, list, 240s}, {stays, F_RDLCK, lists, signs, 5s},
              {stays, F_RDLCK, logins, find, 0s}, {stays, F_WRLCK, logins, find, 30s},
              {stays, F_RDLCK, logins, signs, 30s}, {leaves, F_WRLCK, logins, signs, 1s},
              {stays, F_RDLCK, keys, [] { return generate(); }, 60s, EU_ERROR_KEY_MEDIAS_BUSY},

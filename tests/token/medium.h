@@ -30,7 +30,9 @@ struct nature {
     bool halves = false;  // pairs whose generation fails leave their private key
     bool isCurt = false;  // tells nothing where an object lacks one of the attributes, and of its
                           // kind of key only half
-    bool forgets = false; // it is given objects of a session, which is faster
+    bool isTwice = false; // at another module, too
+    CK_ULONG longestPin = 0; // not told
+    bool forgets = false;    // it is given objects of a session, which is faster
 } token;
 
 // What happens to the calls, until something else is assigned.
@@ -163,7 +165,7 @@ void wrap() {
     ((module.*Members = counted<Members>), ...);
 }
 
-CK_FUNCTION_LIST* onlyModule() {
+CK_FUNCTION_LIST* firstModule() {
     module.C_GetFunctionList = [](auto) { return CK_RV{CKR_OK}; }; // it is a file of its own
     passedOn.C_GetSlotList = [](auto, CK_SLOT_ID* list, CK_ULONG* count) {
         for (CK_SLOT_ID i = 0; list != nullptr && i < cards.size(); ++i) { list[i] = i; }
@@ -173,6 +175,7 @@ CK_FUNCTION_LIST* onlyModule() {
         *told = {};
         told->flags = cards.at(at).flags;
         told->ulMinPinLen = 4;
+        told->ulMaxPinLen = token.longestPin;
         std::ranges::copy(cards.at(at).label, told->label);
         std::ranges::copy(cards.at(at).serial + "  ", told->serialNumber);
         return CK_RV{CKR_OK};
@@ -294,13 +297,24 @@ void p11_kit_be_loud() {}
 
 void p11_kit_be_quiet() {}
 
-char* p11_kit_module_get_name(CK_FUNCTION_LIST*) { return nullptr; }
+char* p11_kit_module_get_name(CK_FUNCTION_LIST* of) {
+    return ::strdup(of == &made::module ? "one" : std::string(247, 'n').c_str());
+}
 
-char* p11_kit_config_option(CK_FUNCTION_LIST*, const char*) { return nullptr; }
+char* p11_kit_config_option(CK_FUNCTION_LIST* of, const char* name) {
+    const bool holdsPolicy = of == &made::passedOn && std::string(name) == "trust-policy";
+    return holdsPolicy ? ::strdup("yes") : nullptr;
+}
 
 CK_FUNCTION_LIST** p11_kit_modules_load(const char*, int flags) {
-    static CK_FUNCTION_LIST* all[]{made::onlyModule(), nullptr};
-    return flags == 0 ? &all[1] : all; // none that p11-kit manages
+    auto* const first = made::firstModule();
+    static CK_FUNCTION_LIST second = *first;
+    second.C_GetSlotList = [](auto, CK_SLOT_ID* list, CK_ULONG* count) {
+        if (made::token.isTwice) { return made::passedOn.C_GetSlotList(CK_TRUE, list, count); }
+        return *count = 0, CK_RV{CKR_OK};
+    };
+    static CK_FUNCTION_LIST* all[]{first, first, &second, &made::passedOn, nullptr};
+    return flags == 0 ? &all[4] : all; // none that p11-kit manages
 }
 
 void p11_kit_modules_release(CK_FUNCTION_LIST**) {}

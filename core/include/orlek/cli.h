@@ -26,8 +26,9 @@ public:
     // Makes a request from what main was given. With an argc of 0 (or less) the program name and
     // the arguments are empty.
     // envp: 'name=value' entries up to a null pointer, or null for no environment; the process's
-    // own environment is never looked at. The value ends at the next '=', the first entry of a name
-    // wins, and an entry without a name or without a value is passed over.
+    // own environment is never looked at. An entry is cut at each '=' as TextSplit does: the first
+    // piece is the name, the second the value, and one of fewer pieces is passed over. The first
+    // entry of a name wins.
     static cli_request create(int argc, char** argv, char** envp);
 
     // The start name without its directory ('/' and '\' both separate) and without its last

@@ -68,7 +68,8 @@ int fsutils_load_i420(
 
 // The same for a file of one byte per pixel, row after row: `buffer` gets w * h bytes, and `*size`
 // that number. `frameHeight` is not used: the file may hold any number of rows, as long as it holds
-// those of the region, and what has to stay below 2 GiB is the frame up to the region's last row.
+// those of the region, with `y + h` at most 65535; what has to stay below 2 GiB is the frame up to
+// the region's last row.
 int fsutils_load_mono8(
     std::uint8_t* buffer,
     std::size_t* size,

@@ -95,17 +95,26 @@ void tellApart(std::vector<token>& tokens, char mark, Text addition) {
 std::vector<token> listTokens() {
     std::vector<token> tokens;
     const pkcs11_module* withBlank = nullptr;
-    std::map<CK_FUNCTION_LIST*, std::string> registrations;
+    std::map<CK_FUNCTION_LIST*, const pkcs11_module*> registered;
     for (const auto& module : modules()) {
         withBlank = addTokens(tokens, *module) ? module.get() : withBlank;
-        registrations[module->functions()] = module->registration();
+        registered[module->functions()] = module.get();
     }
     if (tokens.empty() && withBlank != nullptr) {
         withBlank->tell("no token but an uninitialised one");
     }
     tellApart(tokens, '/', &token::label);
     tellApart(tokens, '#', [](const token& each) { return std::to_string(each.slot); });
-    tellApart(tokens, '@', [&](const token& each) { return registrations[each.module]; });
+    tellApart(tokens, '@', [&](const token& each) {
+        return registered[each.module]->registration();
+    });
+    std::erase_if(tokens, [&](const token& each) {
+        const bool isTooLong = each.text.size() >= EU_DESCRIPTION_SIZE;
+        if (isTooLong) {
+            registered[each.module]->tell("a token that only too long a text names: " + each.text);
+        }
+        return isTooLong;
+    });
     return tokens;
 }
 
