@@ -237,14 +237,4 @@ for tool in (f"openssl cms {VERIFY}", f"openssl smime {VERIFY}", "certtool --p7-
     for data in "data", "another":
         said = bash(f"{tool.replace('DATA', data)} 2>&1 && echo good || echo bad").splitlines()[-1]
         check(said == ("good" if data == "data" else "bad"), tool, data, said)
-expired = setting.token("Expired")
-setting.answer("key", "create", expired, PIN, "ds", "kep", "req.zip")
-bash(f"""unzip -qo req.zip; openssl req -inform DER -in ds -out ds.csr; issue authority '' $ec:P-256
-    printf '%s\n' signing_key 'activation_date="2019-01-01"' 'expiration_date="2020-01-01"' >dates
-    certtool --generate-certificate --load-request ds.csr --load-ca-certificate authority.pem \
-        --load-ca-privkey authority.key --template dates --outfile expired.pem
-    p11tool --batch --login --write --load-certificate expired.pem --label DS \
-        pkcs11:serial={expired}""")
-check(setting.answer("sign", "create-ext", expired, PIN, "data", "none") == "FAIL", "expired")
-check("the certificate is not valid at this time" in log.read_text(), "expired: cause")
 end(f"{len(ACCEPTED)} accepted, {len(REFUSED)} refused,")

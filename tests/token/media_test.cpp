@@ -32,14 +32,19 @@ const extensions documents{{NID_key_usage, "nonRepudiation"}, {NID_basic_constra
     itself{{NID_ext_key_usage, "2.16.840.1.101.3.6.8"}},
     authority{{NID_basic_constraints, "CA:TRUE"}};
 
+// When certificates of one key begin and end, in seconds from now: a good one, the best, and some
+// that end last but will not do (the last one is not for signing).
+using periods = std::vector<std::pair<long, long>>;
+const periods manyTimes{{-60, 3600}, {-60, 7200}, {-60, -1}, {3600, 9999}, {-59, 9999}};
+
 struct card_key {
     std::optional<extensions> certificate = signing; // if it has one
     bool shared = false;                             // the identifier, with the first one
     int privateKeys = 1;
-    object tells{};       // of its private key
-    bool renewed = false; // there is a better certificate, and some that end last but will not do
-    bool odd = false;     // its point begins as a shorter one would that is wrapped
-    bool hidden = false;  // until a login
+    object tells{}; // of its private key
+    periods valid{{-60, 3600}};
+    bool odd = false;    // its point begins as a shorter one would that is wrapped
+    bool hidden = false; // until a login
     const char* curve = "prime256v1";
 };
 
@@ -52,12 +57,11 @@ bytes put(const card_key& with, CK_ULONG id = 0, bool showsKey = true,
         pair.reset(p256());
     }
     const object all{{CKA_ID, number(with.shared ? 0 : id)}, {CKA_PRIVATE, {with.hidden}}};
-    for (const auto& [begin, end] : std::vector<std::pair<long, long>>{
-             {-60, 3600}, {-60, 7200}, {-60, -1}, {3600, 9999}, {-59, 9999}}) {
-        if (!with.certificate || (end != 3600 && !with.renewed)) { break; }
+    for (const auto& [begin, end] : with.valid) {
+        if (!with.certificate) { break; }
         const auto& usage = begin == -59 ? other : *with.certificate;
         bytes value = der(issue(pair.get(), usage, end, begin));
-        if (begin == -60 && end > 0) { best = value; }
+        if (best.empty() || (begin == -60 && end > 0)) { best = value; }
         value.resize(2000); // a decoder stops before
         on.create(certificateOf(value), all);
     }
@@ -110,8 +114,9 @@ TEST(Cards, SignWithTheKeyMeantForIt) {
             {{{}, {documents, true, 0}}, 0, EU_ERROR_KEY_NOT_FOUND},
             {{{documents, false, 2}, {}}, 1}, {{{documents, false, 0}, {}}, 1}, {{{itself}, {}}, 1},
             {{{.curve = "secp256k1"}, {}}, 1},
-            {{{.curve = "secp256k1"}}, 0, EU_ERROR_KEY_NOT_SUPPORTED}, {{{.renewed = true}}, 0},
-            {{{.odd = true}}, 0}, {{{.tells = {{CKA_SIGN, {0}}}}, {}}, 1},
+            {{{.curve = "secp256k1"}}, 0, EU_ERROR_KEY_NOT_SUPPORTED}, {{{.valid = manyTimes}}, 0},
+            {{{.valid = {{-60, -1}}}}, 0, EU_ERROR_CERT_PERIOD}, {{{.odd = true}}, 0},
+            {{{.tells = {{CKA_SIGN, {0}}}}, {}}, 1},
             {{{.tells = {{CKA_ALWAYS_AUTHENTICATE, {1}}}}}, 0},
             {{{.tells = {{CKA_PRIVATE, {0}}}}}, -1, EU_ERROR_KEY_NOT_FOUND}}) {
         for (const bool showsKeys : {true, false}) {
@@ -190,12 +195,19 @@ using calls = std::vector<std::function<DWORD()>>;
 
 // A new key with its certificate, which is returned.
 certificate certify(const extensions& usage = signing) {
-    bytes request;
-    EXPECT_EQ(generate(right, &request), EU_ERROR_NONE);
-    const unsigned char* start = request.data();
+    bytes requests;
+    EXPECT_EQ(generate(right, &requests), EU_ERROR_NONE);
+    const unsigned char* start = requests.data();
     const std::unique_ptr<X509_REQ, freed<X509_REQ_free>> parsed(
-        d2i_X509_REQ(nullptr, &start, std::ssize(request)));
-    auto own = issue(X509_REQ_get0_pubkey(parsed.get()), usage);
+        d2i_X509_REQ(nullptr, &start, std::ssize(requests)));
+    EVP_PKEY* const publicKey = X509_REQ_get0_pubkey(parsed.get());
+    // The second key is for what others encrypt: one on a curve by keyAgreement, else by
+    // keyEncipherment.
+    const bool onCurve = EVP_PKEY_is_a(publicKey, "EC") == 1;
+    const bytes forOthers = onCurve ? bytes{3, 2, 3, 0x08} : bytes{3, 2, 5, 0x20};
+    EXPECT_NE(std::search(requests.begin(), requests.end(), forOthers.begin(), forOthers.end()),
+        requests.end());
+    auto own = issue(publicKey, usage);
     maintenance().create(certificateOf(der(own)), object{{CKA_LABEL, {'o', 'w', 'n'}}});
     return own;
 }

@@ -273,8 +273,8 @@ DWORD sign(bytes* made = nullptr, const EU_KEY_MEDIA& media = right) {
     return with.result == EU_ERROR_NONE ? with.sign(made) : with.result;
 }
 
-DWORD generate(
-    const EU_KEY_MEDIA& media = right, bytes* request = nullptr, const void* parameters = nullptr) {
+DWORD generate(const EU_KEY_MEDIA& media = right, bytes* requests = nullptr,
+    const void* parameters = nullptr) {
     BYTE *ds = nullptr, *kep = nullptr;
     DWORD dsSize = 0, kepSize = 0;
     std::array<std::array<char, EU_REQUEST_NAME_SIZE>, 2> names{};
@@ -283,7 +283,10 @@ DWORD generate(
         &kepSize, names[1].data(), nullptr, nullptr, nullptr);
     EXPECT_STREQ(names[0].data(), result == EU_ERROR_NONE ? "DS.p10" : "");
     EXPECT_STREQ(names[1].data(), result == EU_ERROR_NONE ? "KEP.p10" : "");
-    if (request != nullptr) { request->assign(ds, ds + dsSize); }
+    if (requests != nullptr) {
+        requests->assign(ds, ds + dsSize);
+        requests->insert(requests->end(), kep, kep + kepSize);
+    }
     EUFreeMemory(ds);
     EUFreeMemory(kep);
     return result;
