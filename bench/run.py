@@ -208,8 +208,9 @@ def main():
     os.chdir("/")
     loads.append(os.getloadavg()[0])
     cpu = pathlib.Path("/proc/cpuinfo").read_text().partition("model name\t: ")[2].split("\n")[0]
-    about = (f"{time.strftime('%F %T %Z')}; {cpu}, {os.cpu_count()} cores, Linux"
-             f" {platform.release().split('-')[0]}; {runs} runs; load {loads[0]:.1f} before, {loads[1]:.1f} now")
+    kernel = platform.release().split("-")[0]
+    about = (f"{time.strftime('%F %T %Z')}; {cpu}, {os.cpu_count()} cores, Linux {kernel};"
+             f" {runs} runs; load {loads[0]:.1f} before, {loads[1]:.1f} now")
     print(about)
     tables(benchmark.results)
     if chosen.pictures:

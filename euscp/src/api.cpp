@@ -60,7 +60,8 @@ void requireUnused(Argument... unused) {
     require(((unused == Argument{}) && ...), EU_ERROR_NOT_SUPPORTED);
 }
 
-// Copies a text into a caller's buffer, which is larger than any that is handed out.
+// Copies a text into a caller's buffer, which is larger than any that is handed out: a token whose
+// text is not has been left out of the list.
 void copyTo(char* buffer, std::string_view text) {
     *std::ranges::copy(text, buffer).out = '\0';
 }
