@@ -14,11 +14,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <memory>
-#include <random>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -163,9 +163,8 @@ public:
     explicit new_archive(const target& archive)
         : at(archive), aside(mayBeOthers(archive)), name(archive.path) {
         if (aside) {
-            std::random_device random;
             name.resize(name.rfind('/') + 1);
-            name += ".requests." + std::to_string(random()) + std::to_string(random());
+            name += ".requests." + std::to_string(arc4random()) + std::to_string(arc4random());
         }
     }
     ~new_archive() {

@@ -2,11 +2,12 @@
 
 #include "openssl.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <fcntl.h>
-#include <random>
 #include <unistd.h>
 
 namespace eu {
@@ -55,8 +56,7 @@ public:
 
 private:
     static std::string unforeseen() {
-        std::random_device random;
-        return std::to_string(random()) + std::to_string(random());
+        return std::to_string(::arc4random()) + std::to_string(::arc4random());
     }
 
     const descriptor& folder;
@@ -89,7 +89,9 @@ data_file::data_file(const char* path)
 bytes data_file::digest() const {
     const auto hash = taken<owned<EVP_MD_CTX, EVP_MD_CTX_free>>(EVP_MD_CTX_new());
     succeed(EVP_DigestInit_ex(hash.get(), EVP_sha256(), nullptr));
-    bytes piece(std::size_t{256} * 1024);
+    // No larger than the file: what is made is also wiped, and small files are signed most.
+    bytes piece(
+        static_cast<std::size_t>(std::clamp(before.st_size, off_t{4096}, off_t{256 * 1024})));
     ssize_t count = 0;
     do {
         count = ::read(file.get(), piece.data(), piece.size());
