@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""What is said of the program holds: manual page, codes, completions."""
+"""What is said of the program holds: manual page, codes."""
 
 import os
 import re
 import sys
 
 sys.path.insert(0, os.path.dirname(__file__) + "/../faults")
-from setting import PIN, PROGRAM, ROOT, USAGE, Setting, check, end  # noqa: E402
+from setting import ROOT, USAGE, check, end  # noqa: E402
 
 
 def manual_page():
@@ -39,24 +39,6 @@ def codes():
     check(len(texts) > 80 and not wrong, "texts that do not tell what it is:", wrong)
 
 
-def completions(setting, serial):
-    """What bash is told of what is typed; for file names, to look itself."""
-    setting.env["PATH"] = f"{os.path.dirname(PROGRAM)}:{setting.env['PATH']}"
-    for typed, shown in (("k", "key"), ("key test-", "test-access test-valid test-sign test-all"),
-                         ("media list ''", serial), (f"sign export-crt {serial[:2]}", serial),
-                         (f"key delete {serial} ''", ""), ("foo bar ''", ""),
-                         (f"sign create-ext {serial} {PIN} let", "-o default"),
-                         ("sign verify letter.pdf let", "-o default")):
-        told = setting.bash(f"""
-            compopt() {{ COMPREPLY=("$*"); }}
-            source {ROOT}/completions/velmora; [[ $(complete -p velmora) == *"-F _velmora "* ]]
-            COMP_WORDS=(velmora {typed}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1))
-            _velmora velmora "${{COMP_WORDS[-1]}}"; echo "${{COMPREPLY[*]}}" """)
-        check(told == shown, "completion of", repr(typed), "is", repr(told))
-
-
 manual_page()
 codes()
-place = Setting()
-completions(place, place.token("Alice"))
 end()
