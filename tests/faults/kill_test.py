@@ -1,11 +1,8 @@
 #!/usr/bin/env python3
 """Kills generations and deletions at their system calls: what is left, how the next commands fare.
 
-What a killed process leaves is what it has written: a kill before a call that changes something
-stands for one at any call since the change before. SoftHSM rewrites an object some thirty times to
-make it: of the changes to one file the first two, the last six (which complete an object) and every
-twentieth are taken.
-"""
+What a killed process leaves is what it has written, and SoftHSM writes an object some thirty times
+until it is complete: every few changes of a file there is a kill."""
 
 import os
 import re
@@ -37,15 +34,9 @@ class Place(Setting):
     def calls(self, verb):
         """What to kill at: a system call's name, and its number among those of that name."""
         assert self.anew(verb) == "DONE"
-        points = {}
-        for name, number, rest in self.system_calls():
-            given = re.search(r'\d<([^>]*)>|"([^"]*)"', rest)
-            path = given and (given[1] or given[2])
-            made = name == "openat" and "O_CREAT" in rest and path not in points
-            if path and (made or name in CHANGES):
-                points.setdefault(path, []).append((name, number))
-        return [call for group in points.values() for i, call in enumerate(group)
-                if i < 2 or i % 20 == 0 or i >= len(group) - 6]
+        changes = [(name, number) for name, number, rest in self.system_calls()
+                   if name in CHANGES and ("/tokens/" in rest or "target!" in rest)]
+        return changes[::1 + len(changes) // 90]
 
     def kill(self, verb, name, number):
         """Kills there, and looks at what that leaves."""

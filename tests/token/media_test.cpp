@@ -333,7 +333,8 @@ TEST(Key, ThatMayNotSignComesLastAndCanBeRemoved) {
     EXPECT_EQ(sign(), EU_ERROR_NONE);
 }
 
-// With a destruction goes what a killed process had no time to complete, and nothing else.
+// With a destruction, or before a generation, goes what a killed process had no time to complete,
+// and nothing else.
 TEST(Key, ThatWasBegunIsCleared) {
     makeSigner();
     const bytes ds{'D', 'S'};
@@ -351,6 +352,9 @@ TEST(Key, ThatWasBegunIsCleared) {
     with.create(object{{CKA_MODULUS, ds}}, begun, rsa);
     EXPECT_EQ(destroy(), EU_ERROR_NONE);
     EXPECT_EQ(count(), strangers + 8);
+    with.create(begun, ec);
+    EXPECT_EQ(generate(), EU_ERROR_NONE);
+    EXPECT_EQ(count(), strangers + 8 + 4);
 }
 
 TEST(Key, MadeMeanwhileByAnotherMachineIsTheOnlyOne) {
