@@ -1,23 +1,24 @@
 #!/usr/bin/env python3
 """Every allocation of every command fails in turn: the answer is the one that was earned, or FAIL.
 
-PROGRAM FAILING_MEMORY: tries each place in velmora's own binaries once, and some of the libraries'
-(of what those make of it, only a verdict is judged)."""
+PROGRAM FAILING_MEMORY: tries each place in velmora's own binaries and in libzip once, and some of
+the other libraries' (of what those make of it, only a verdict is judged)."""
 
 import collections
+import re
 import shutil
 import sys
 
 from setting import PIN, Setting, check, commands, end, key, verdicts
 
-OWN = ("velmora", "euscp.so", "liblog2.so")
+SWEPT = ("velmora", "euscp.so", "liblog2.so", "libzip.so")
 STRIDE = 150
 # What an answer may be besides the one that was earned and FAIL: that of a key that cannot be
 # opened, or of any verification that fails; the log tells why.
 NEGATIVE = {"test-valid": ["FAILED"], "test-sign": ["FAILED"], "verify": ["FAILED"],
             "test-all": [*map(verdicts, range(3))]}
 
-setting, tried, seen = Setting(), collections.Counter(), set()
+setting, tried, seen, causes = Setting(), collections.Counter(), set(), set()
 serial, empty, folder = setting.token_with_key("Alice"), setting.token("Bob"), setting.folder
 setting.bash("cp -r tokens as-before")
 
@@ -54,15 +55,17 @@ def sweep(words):
     seen.update(new)
     for place in sorted(new):
         owner = places[place]
-        if owner not in OWN and int(place, 16) % STRIDE != 0:
+        swept = owner.startswith(SWEPT)
+        if not swept and int(place, 16) % STRIDE != 0:
             continue
         answer, log, failed = failing(words, f"FAIL_MEMORY={place}")
+        causes.update(re.findall(r"fail: (zip_\w+) \(", log))
         tried[owner] += len(failed)  # a few are not met again
         wrong = ("a crash" if "ended by a signal" in log else
                  harm(words, answer) if answer in may_be else answer)
         # The loader ends the process: no memory for a library's thread-local data.
         loader = "thread-local data" in answer + log or " status 127 " in answer
-        judged = answer == "PASSED" or owner in OWN and not loader
+        judged = answer == "PASSED" or swept and not loader
         check(not (wrong and judged), *words, "allocation", place, owner, wrong)
 
 
@@ -71,4 +74,5 @@ for words in ([], key("create", empty), *commands(serial),
               ["sign", "verify", "ds.pem", "signature", "ds.crt"]):
     sweep(words)
 check(tried.total() > 400, "no allocation fails")
+check(causes >= {"zip_open", "zip_source_buffer", "zip_file_add", "zip_close"}, causes)
 end("memory:", dict(tried))
