@@ -1,19 +1,31 @@
 #!/usr/bin/env python3
 """What sign verify says of the signatures that other tools make, one row of a table each: what the
-log tells, how the signature is made, for which certificate and, if not for "data", which file. And
-what other tools say of velmora's own."""
+log tells, how the signature is made, for which certificate and, if not for "data", which file. No
+row may cost 2 s or 256 MiB, though some hold so much of something that what grows faster than their
+size is far beyond that. And what other tools say of velmora's own."""
 
 import base64
 import hashlib
+import os
 import pathlib
 import re
+import resource
+import sys
 
-from making import bash, edited, in_der, made, openssl, setting, signed
-from der import Element, attribute, build, element, oid, parse, sequence
-from setting import PIN, check, end
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../faults")
+from der import Element, attribute, build, element, oid, parse, sequence  # noqa: E402
+from setting import PIN, Setting, check, end  # noqa: E402
 
+setting = Setting()
+os.chdir(setting.folder)
 setting.env.update(GNUPGHOME=f"{setting.folder}/gpg")
-bash('''
+setting.bash('''
+echo contract >data; echo another >another
+ec=ec,ec_paramgen_curve
+issue() { # NAME ISSUER KEY [OPTION]...: NAME.pem and NAME.key
+    openssl req -x509 -newkey ${3//,/ -pkeyopt } -noenc -keyout $1.key -out $1.pem -subj "/CN=$1" \\
+        ${2:+-CA $2.pem -CAkey $2.key} -days 9999 "${@:4}"
+}
 leaf='-addext basicConstraints=critical,CA:false -addext keyUsage=critical,digitalSignature'
 issue ca '' $ec:P-256; issue between ca $ec:P-256
 issue ec ca $ec:P-256 $leaf; issue rsa between rsa:2048 $leaf; issue other ca $ec:P-256 $leaf
@@ -48,12 +60,49 @@ CONTENT, DIGEST, TIME, ESS, ESS_V2 = (
     PKCS9 + each for each in ("3", "4", "5", "16.2.12", "16.2.47"))
 
 
+def made(command):
+    setting.bash(command)
+    return pathlib.Path("made").read_bytes()
+
+
+def openssl(options="", by="rsa", how="cms", data="data"):
+    """A signature."""
+    return made(f"openssl {how} -sign -binary -in {data} -signer {by}.pem -inkey {by}.key"
+                f" -out made -outform DER {options}")
+
+
+def edited(signature, edit, ber=""):
+    """The message after an edit of its SignedData and its signer, the last."""
+    message = parse(signature)[0]
+    edit(message[1][0], message[1][0][-1][0])
+    return build(message, ber)
+
+
+def signed(*attributes, by="rsa", digest="sha256"):
+    """A signature with signed attributes in the place of their namesakes. One without values is
+    left out."""
+    def again(_, signer):
+        names = [each[0].inside for each in attributes]
+        kept = [each for each in signer[3] if each[0].inside not in names]
+        signer[3].inside = sorted(kept + [each for each in attributes if each[1].inside], key=build)
+        pathlib.Path("attributes").write_bytes(build(Element(0x31, signer[3].inside)))
+        signer[5].inside = made(f"openssl dgst -{digest} -sign {by}.key -out made attributes")
+    return edited(openssl("-cades", by), again)
+
+
 def clutter(data, signer):
-    """What nobody signs."""
-    data[1].inside.clear()
-    data.inside[3:4] = element(0xA0, octets), element(0xA1, octets)
+    """A lot of everything that nobody signs."""
+    nulls = b"\5\0" * 2000000
+    data[1].inside[:] = [nulls]
+    data.inside[3:4] = element(0xA0, nulls), element(0xA1, nulls)
     signer.inside.append(element(0xA1, attribute("1.2.3"), attribute("1.2.3"),
-                                 attribute(DIGEST, octets)))
+                                 attribute(DIGEST, octets), nulls))
+
+
+def strangers(data, _):
+    """A lot of other signers before the one."""
+    data[-1].inside.insert(0, build(sequence(
+        one, Element(0x80, b""), *[sequence(oid(SHA1))] * 2, octets)) * 100000)
 
 
 def put(signature, value, *path):
@@ -82,6 +131,17 @@ def in_key(name, change):
     return build(certificate)
 
 
+def with_points(number):
+    """A certificate with so many distribution points under a name that has as many parts."""
+    certificate = parse(der["rsa"])[0]
+    part = element(0x31, sequence(oid("2.5.4.3"), Element(12, b"x")))
+    point = sequence(element(0xA0, element(0xA1, *part)))
+    certificate[0].inside[3] = sequence(*[part] * number)
+    certificate[0][-1][0].inside.append(sequence(oid("2.5.29.31"), Element(
+        4, build(sequence(*[point] * number)))))
+    return build(certificate)
+
+
 def pem(encoding, label="CMS", width=64, around=b"", end=b"\n"):
     text = base64.b64encode(encoding)
     lines = [text[at:at + width] for at in range(0, len(text), width)]
@@ -89,29 +149,12 @@ def pem(encoding, label="CMS", width=64, around=b"", end=b"\n"):
                      f"-----END {label}-----".encode(), around])
 
 
-log = pathlib.Path("log/velmora.log")
-
-
-def told(signature, certificate, data="data"):
-    """What the log tells of a verification: its cause for FAILED, else when was signed."""
-    pathlib.Path("signature").write_bytes(signature)
-    if isinstance(certificate, str):
-        certificate = pathlib.Path(certificate + ".pem").read_bytes()
-    pathlib.Path("certificate").write_bytes(certificate)
-    log.unlink(missing_ok=True)
-    answer = setting.answer("sign", "verify", data, "signature", "certificate")
-    ends = re.findall(r" signVerify .*(done|fail): EUVerifyDataWithParams \((.*)\)$",
-                      log.read_text(), re.M)
-    how, text = ends[0] if ends else ("", "nothing")
-    check(answer == {"done": "PASSED", "fail": "FAILED"}.get(how), answer, text)
-    return text
-
-
 def sha(digest, contents):
     return Element(4, hashlib.new(digest, contents).digest())
 
 
-der = {name: in_der(name) for name in ("ec", "rsa", "three", "ca", "p384")}
+der = {name: made(f"openssl x509 -in {name}.pem -outform DER -out made")
+       for name in ("ec", "rsa", "three", "ca", "p384")}
 ec, rsa, plain, cades = openssl(by="ec"), openssl(), openssl("-nosmimecap"), openssl("-cades")
 pss = openssl(PSS)
 own = openssl(AS_OWN, "ec")
@@ -150,7 +193,9 @@ ACCEPTED = [  # a row may have several particulars
     (TIMED, two, "rsa"),
     (TIMED, two, "other"),
     (TIMED, many, der["rsa"]),
-    (TIMED, pem(edited(cades, clutter), "PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
+    (TIMED, edited(cades, clutter), "rsa"),
+    (TIMED, pem(edited(cades, strangers), "PKCS #7 SIGNED DATA", end=b"\r\n"), "rsa"),
+    (TIMED, signed(attribute("1.2.3", b"\5\0" * 500000)), "rsa"),
     (TIMED, pem(edited(plain, lambda *_: None, "long"), around=b"text-----"), "rsa"),
     (TIMED, edited(plain, lambda *_: None, "indefinite"), "rsa"),
     (TIMED, edited(listless, lambda _, signer: signer.inside.append(element(0xA1, octets))), "ec"),
@@ -168,10 +213,12 @@ REFUSED = [
     ("was changed, or", many[:-1] + bytes([many[-1] ^ 1]), "rsa"),
     ("the file that was signed is another one", cades, "rsa", "another"),
     ("owner of another certificate", ec, "namesake"),
+    ("owner of another certificate", rsa, with_points(2000)),
     ("owner of another certificate", openssl("-keyid", "ec"), "other"),
     ("owner of another certificate", put(ec, Element(12, b"CA"), 1, 0, 0, 0, 1), "ec"),
     ("more than 16", edited(many, lambda data, signer: data[-1].inside.append(signer)), "rsa"),
     ("another certificate of its owner", signed(ess([foreign], [sha256])), "rsa"),
+    ("another certificate of its owner", signed(ess(*[[foreign]] * 200000)), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(ca)])), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(issuer, serial=one)])), "rsa"),
     ("another certificate of its owner", signed(ess([sha256, issued(uri)])), "rsa"),
@@ -189,11 +236,12 @@ REFUSED = [
     ("unsound", ec, in_key("ec", 1)),
     ("not meant for signing", rsa, "agreement"),
     ("not meant for signing", rsa, der["rsa"].replace(key_identifier, key_usage)),
-    ("the certificate is malformed", rsa, der["rsa"] + b"\0"),
+    ("the certificate is malformed", rsa, build(parse(der["rsa"])[0], "long")),
     ("the certificate is malformed", rsa, pem(der["rsa"])),
     ("larger than 64 KiB", rsa, der["rsa"] + bytes(1 << 16)),
     ("larger than 64 MiB", bytes((1 << 26) + 1), "rsa"),
     ("no CMS", rsa + b"\0", "rsa"),
+    ("no CMS", b"\x30\x80" * 8000000, "rsa"),
     ("no CMS", rsa.replace(oid(RSA[:-2] + "7.2").inside, oid(RSA[:-2] + "7.5").inside), "rsa"),
     ("no CMS", pem(rsa)[:-18], "rsa"),
     ("no CMS", listless, "ec"),
@@ -215,6 +263,8 @@ REFUSED = [
     ("is missing", signed(attribute(CONTENT)), "rsa"),
     ("is missing", signed(attribute(DIGEST)), "rsa"),
     ("is malformed, or there are more than 64", signed(attribute(ESS_V2), *extras), "rsa"),
+    ("more than 64", edited(cades, lambda _, signer: signer[3].inside.extend(
+        attribute(f"1.2.{i}") for i in range(100000))), "rsa"),
     ("is malformed", signed(attribute(CONTENT, octets)), "rsa"),
     ("is malformed", signed(attribute(TIME, Element(23, b"tomorrow"))), "rsa"),
     ("is malformed", signed(ess()), "rsa"),
@@ -223,18 +273,29 @@ REFUSED = [
     ("the file holds the signed attributes",  # which were signed last
      openssl("-noattr", data="attributes"), "rsa", "attributes"),
 ]
-for text, *parts in ACCEPTED + REFUSED:
-    found = told(*parts)
-    check(text in found, f"'{text}' but '{found}':", len(parts[0]), parts[1:])
+for expected, signature, certificate, *data in ACCEPTED + REFUSED:
+    pathlib.Path("signature").write_bytes(signature)
+    if isinstance(certificate, str):
+        certificate = pathlib.Path(certificate + ".pem").read_bytes()
+    pathlib.Path("certificate").write_bytes(certificate)
+    answer, log = setting.logged("sign", "verify", *data or ["data"], "signature", "certificate",
+                                 wrapper=("prlimit", "--cpu=2"))
+    # The cause for FAILED, else when was signed.
+    told = re.findall(r" signVerify .*(done|fail): EUVerifyDataWithParams \((.*)\)$", log, re.M)
+    how = {"PASSED": "done", "FAILED": "fail"}.get(answer)
+    check(told and told[0][0] == how and expected in told[0][1],
+          f"'{expected}' but {answer} {told}:", len(signature), certificate[:200], data)
+largest = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss >> 10  # not less than its own
+check(largest <= 256, f"{largest} MiB")
 
 serial = setting.token_with_key("Own")
 check(setting.answer("sign", "create-ext", serial, PIN, "data", "own.p7s") == "DONE", "create-ext")
-bash("certutil -A -d nss -n own -t ,, -i ds.pem; gpgsm --import ds.pem")
+setting.bash("certutil -A -d nss -n own -t ,, -i ds.pem; gpgsm --import ds.pem")
 VERIFY = "-verify -binary -inform DER -in own.p7s -content DATA -certfile ds.pem -CAfile ca.pem"
 for tool in (f"openssl cms {VERIFY}", f"openssl smime {VERIFY}", "certtool --p7-verify --inder"
              " --infile own.p7s --load-data DATA --load-certificate ds.pem",
              "cmsutil -D -n -d nss -c DATA -i own.p7s", "gpgsm --verify own.p7s DATA"):
     for data in "data", "another":
-        said = bash(f"{tool.replace('DATA', data)} 2>&1 && echo good || echo bad").splitlines()[-1]
+        said = setting.bash(f"{tool.replace('DATA', data)} 2>&1 && echo good || echo bad").splitlines()[-1]
         check(said == ("good" if data == "data" else "bad"), tool, data, said)
 end(f"{len(ACCEPTED)} accepted, {len(REFUSED)} refused,")
