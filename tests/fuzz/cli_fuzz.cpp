@@ -22,9 +22,8 @@ const auto place = fs::temp_directory_path() / ("cli_fuzz." + std::to_string(::g
 const auto usage = cli_engine({}).usage();
 std::vector<std::vector<std::string>> forms; // of command lines, as the usage text tells them
 const std::vector<std::string> words{"S1", "S2", "secret", "blob", "sign", "crt", "new", "-"};
-const std::regex answers{
-    R"re(verify 64 FAILED\n|[a-z-]+ (70 FAIL\n|0 ((S[12]\n){0,2}|DONE\n|(PASS|FAIL)ED\n|)re"
-    R"re(\{("[a-z-]+":"[a-zT0-9:-]+",?)+\}\n)))re"};
+const std::regex answers{R"re(64 FAILED\n|70 FAIL\n|0 ((S[12]\n){0,2}|DONE\n|(PASS|FAIL)ED\n|)re"
+                         R"re(\{("[a-z-]+":"[a-zT0-9:-]+",?)+\}\n))re"};
 
 void restore() {
     fs::remove_all(place / "work");
@@ -33,20 +32,13 @@ void restore() {
     for (const auto* name : {"blob", "sign", "crt"}) { std::ofstream{name} << name; }
 }
 
-// What a run leaves: nothing in the double, one harmless line in the log for each record.
+// A run leaves nothing in the double.
 void settle() {
     ::setenv("TRANSCRIPT", "../leaks", 1);
     std::destroy_at(&given); // writes down what was not given back
     std::construct_at(&given);
     ::unsetenv("TRANSCRIPT");
     if (fs::exists("../leaks")) { std::abort(); }
-    const auto process = "Z " + std::to_string(::getpid()) + " ";
-    const auto isControl = [](unsigned char letter) { return letter < 32 || letter == 127; };
-    std::ifstream log{place / "cli.log"};
-    for (std::string line; std::getline(log, line);) {
-        if (line.find(process) != 23 || std::ranges::any_of(line, isControl)) { std::abort(); }
-    }
-    fs::resize_file(place / "cli.log", 0);
     calls = 0;
     asked = 0;
 }
@@ -87,20 +79,15 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
         line[at] = input.ConsumeRandomLengthString().c_str();
         if (line[at].starts_with('/') || line[at].find("..") != line[at].npos) { return -1; }
     }
-    const bool known = std::ranges::any_of(forms, [&](const auto& form) {
-        return line.size() == form.size() && std::equal(&form[1], &form[3], &line[1]);
-    });
 
     const cli_request request{line[0], {line.begin() + 1, line.end()}, {}};
     static_cast<void>(request.getLogName());
     const auto response = cli_engine({Eusign::Api__Create(Fs::Api__Create())}).activate(request);
     const auto answer = std::to_string(response.exitCode) + " " + response.outText;
-    const bool refused = answer == "70 " + usage;
-    const bool right =
-        refused ? known || calls == 0 : known && std::regex_match(line[2] + " " + answer, answers);
+    const bool right = answer == "70 " + usage || std::regex_match(answer, answers);
     settle();
     // A failure leaves no file behind, but for a certificate that was cut short.
-    const bool written = answer == "0 DONE\n" || (known && line[2] == "export-crt");
+    const bool written = answer == "0 DONE\n" || std::ranges::count(line, "export-crt") > 0;
     const bool clean = written || std::distance(fs::directory_iterator("."), {}) == 3;
     if (!right || !clean || !response.errText.empty()) { std::abort(); }
     if (written) { restore(); }
