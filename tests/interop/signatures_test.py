@@ -52,7 +52,6 @@ CERTTOOL = ("certtool --p7-detached-sign --load-certificate rsa.pem --load-privk
             " --infile data --outfile made ")
 GPGSM = "rm -f made; echo x | gpgsm --passphrase-fd 0 -u rsa --detach-sign -o made "
 NSS = "cmsutil -S -d nss -N rsa -Y NONE -T -i data -o made "
-AS_OWN = "-cades -nocerts -nosmimecap"  # as velmora signs
 PSS = "-keyopt rsa_padding_mode:pss "
 RSA, EC, PKCS9 = "1.2.840.113549.1.1.", "1.2.840.10045.", "1.2.840.113549.1.9."
 SHA1, SHA512, NIST = "1.3.14.3.2.26", "2.16.840.1.101.3.4.2.3", "2.16.840.1.101.3.4."
@@ -157,7 +156,7 @@ der = {name: made(f"openssl x509 -in {name}.pem -outform DER -out made")
        for name in ("ec", "rsa", "three", "ca", "p384")}
 ec, rsa, plain, cades = openssl(by="ec"), openssl(), openssl("-nosmimecap"), openssl("-cades")
 pss = openssl(PSS)
-own = openssl(AS_OWN, "ec")
+own = openssl("-cades -nocerts -nosmimecap", "ec")  # as velmora signs
 listless = edited(own, lambda data, _: data[1].inside.clear())
 two = openssl("-signer other.pem -inkey other.key")
 many = edited(rsa, lambda data, signer: data[-1].inside.extend([signer] * 15))
@@ -244,9 +243,9 @@ REFUSED = [
     ("no CMS", b"\x30\x80" * 8000000, "rsa"),
     ("no CMS", rsa.replace(oid(RSA[:-2] + "7.2").inside, oid(RSA[:-2] + "7.5").inside), "rsa"),
     ("no CMS", pem(rsa)[:-18], "rsa"),
+    ("no CMS", pem(rsa).replace(b"-\n", b"-\n ", 1), "rsa"),
     ("no CMS", listless, "ec"),
     ("no CMS", edited(own, lambda data, _: data[1].inside.append(data[1][0])), "ec"),
-    ("no CMS", put(own, build(parse(own)[0][1][0][-1][0][1][0], "long"), 1, 0), "ec"),
     ("nobody signed", edited(rsa, lambda data, _: data[-1].inside.clear()), "rsa"),
     ("RSASSA-PSS are malformed or name several digests", put(pss, Element(5, b""), 4, 1), "rsa"),
     ("several digests", openssl(PSS + "-keyopt rsa_mgf1_md:sha512"), "rsa"),
