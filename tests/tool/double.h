@@ -25,8 +25,8 @@ inline void transcribe(const std::string& line) {
     transcript << '\n';
 }
 
-// The function of this name, and of the other one's type, in a library, or in those loaded later.
+// The function of this name, and of the other one's type, in the libraries loaded later.
 template <class function>
-function* real(const char* name, function* /*other*/, void* library = RTLD_NEXT) {
-    return reinterpret_cast<function*>(::dlsym(library, name));
+function* real(const char* name, function* /*other*/) {
+    return reinterpret_cast<function*>(::dlsym(RTLD_NEXT, name));
 }
