@@ -1,5 +1,6 @@
 #include "fs/api.h"
 
+#include "fs/new_archive.h"
 #include "fs/target.h"
 
 #include <orlek/descriptor.h>
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <limits>
@@ -28,7 +28,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Orlek::Support::Velmora::Fs {
 
@@ -154,70 +153,6 @@ const char* obstacleTo(const std::string& entryName) {
     }
     return nullptr;
 }
-
-// Where libzip makes an archive. It copies the mode of what it finds under the name, set-id bits
-// included, and goes by the name at every step; so where that may be somebody else's file, or
-// become one, it works beside it, under a name that nobody foresees.
-class new_archive {
-public:
-    explicit new_archive(const target& archive)
-        : at(archive), aside(mayBeOthers(archive)), name(archive.path) {
-        if (aside) {
-            name.resize(name.rfind('/') + 1);
-            name += ".requests." + std::to_string(arc4random()) + std::to_string(arc4random());
-        }
-    }
-    ~new_archive() {
-        if (aside) {
-            unlink(name.c_str());
-        }
-    }
-    new_archive(const new_archive&) = delete;
-    new_archive& operator=(const new_archive&) = delete;
-
-    [[nodiscard]] const char* path() const { return name.c_str(); }
-
-    // Why the archive must not be made, or null. What is not looked at here, libzip refuses.
-    [[nodiscard]] const char* obstacle() const {
-        if (at.folder && at.obstacle != nullptr) {
-            return at.obstacle;
-        }
-        const bool present = at.present.st_mode != 0;
-        return aside && present && !S_ISREG(at.present.st_mode) ? "not a regular file" : nullptr;
-    }
-
-    // Puts the archive that was made into its place, with the permissions of one's own that was
-    // there. False, with errno set, if it cannot.
-    bool settle() {
-        if (aside) {
-            aside = (at.isOwnFile() && !givePermissions()) ||
-                    renameat(AT_FDCWD, name.c_str(), at.folder.get(), at.name.c_str()) != 0;
-        }
-        return !aside;
-    }
-
-private:
-    static bool mayBeOthers(const target& it) {
-        const bool plain = it.isOwnFile() && (it.present.st_mode & 07000) == 0;
-        return !it.folder || it.isInSharedFolder() || (S_ISREG(it.present.st_mode) && !plain);
-    }
-
-    // By descriptor: in a folder that others can write to, the name may be another file's by now.
-    [[nodiscard]] bool givePermissions() const {
-        const descriptor made(open(path(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        struct stat status {};
-        if (!made || fstat(made.get(), &status) != 0) {
-            return false;
-        }
-        errno = EPERM;
-        return status.st_uid == geteuid() && status.st_nlink == 1 &&
-               fchmod(made.get(), at.present.st_mode & 0777) == 0;
-    }
-
-    const target& at;
-    bool aside;
-    std::string name;
-};
 
 struct zip_entry {
     const char* name;
