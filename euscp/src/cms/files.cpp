@@ -90,8 +90,9 @@ bytes data_file::digest() const {
     const auto hash = taken<owned<EVP_MD_CTX, EVP_MD_CTX_free>>(EVP_MD_CTX_new());
     succeed(EVP_DigestInit_ex(hash.get(), EVP_sha256(), nullptr));
     // No larger than the file: what is made is also wiped, and small files are signed most.
-    bytes piece(
-        static_cast<std::size_t>(std::clamp(before.st_size, off_t{4096}, off_t{256 * 1024})));
+    constexpr off_t least = 4096;
+    constexpr off_t most = off_t{256} * 1024;
+    bytes piece(static_cast<std::size_t>(std::clamp(before.st_size, least, most)));
     ssize_t count = 0;
     do {
         count = ::read(file.get(), piece.data(), piece.size());
