@@ -55,6 +55,7 @@ def counted(calls):
 
 def pictures(growth, folder):
     """Draws size.svg and tokens.svg: a line a program, both axes logarithmic."""
+    folder.mkdir(parents=True, exist_ok=True)
     for name, unit in (("Size", "bytes"), ("Tokens", "tokens")):
         rows = growth[name]
         programs = [*next(iter(rows.values()))]

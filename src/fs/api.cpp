@@ -12,6 +12,7 @@
 
 #include <zip.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -82,14 +83,17 @@ bool takeLength(std::FILE* file, std::uint32_t& length) {
     return true;
 }
 
-// Asks for large pages where the array is large: fewer faults, and so less time, to fill it.
+// Asks for large pages where the array is large: fewer faults, and so less time, to fill it. Not
+// for more than these: a virtual machine whose free memory goes back to its host soon has none but
+// large pages that the host has to find first, which takes far longer than the faults.
 // Nothing but speed depends on the answer.
 void preferLargePages(unsigned char* data, std::size_t size) {
     constexpr std::size_t page = std::size_t{2} << 20;
+    constexpr std::size_t most = 32 * page;
     void* start = data;
     std::size_t space = size;
     if (std::align(page, page, start, space) != nullptr) {
-        (void)madvise(start, space / page * page, MADV_HUGEPAGE);
+        (void)madvise(start, std::min(space / page * page, most), MADV_HUGEPAGE);
     }
 }
 
