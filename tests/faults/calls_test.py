@@ -20,7 +20,7 @@ class Run:
     """A traced run in a folder of its own, with what holds for each; a signature is a real one."""
 
     def __init__(self, command, *options):
-        folder = place.folder / "work"
+        folder = place.folder / "run"
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir()
         for name, content in {**FILES, "../calls": ""}.items():
@@ -51,10 +51,10 @@ for command in (words for words in commands("S1", "secret") if {*FILES} & {*word
         command[2:4] = serial, PIN
     smooth = Run(command)
     check(smooth.out in ("DONE", "PASSED"), smooth.what)
-    named = rf'{place.folder}/work/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
+    named = rf'{place.folder}/run/[\w.]|"({"|".join(FILES)}|\.", O|\.sign)'
     points = [(call, number) for call, number, rest in smooth.calls
               if call != "execve" and re.search(named, rest)]
-    synced = sum(call == "fsync" and f"{place.folder}/work" in rest
+    synced = sum(call == "fsync" and f"{place.folder}/run" in rest
                  for call, _, rest in smooth.calls)
     check("create-ext" not in command or synced == 2, "a power cut may lose a signature")
     for (call, number), how in itertools.product(points, CALL_FAULTS):

@@ -19,7 +19,7 @@ namespace {
 class p11_kit {
 public:
     p11_kit() {
-        (void)dlopen(P11_KIT_SONAME, RTLD_LAZY | RTLD_GLOBAL); // if it fails, nothing is found
+        (void)dlopen(P11_KIT_SONAME, RTLD_LAZY | RTLD_GLOBAL); // where it fails, find() tells
         find(be_loud, "p11_kit_be_loud");
         find(be_quiet, "p11_kit_be_quiet");
         find(modules_load, "p11_kit_modules_load");
